@@ -1,0 +1,42 @@
+# The newcomer's door. Every target first installs what is missing, then
+# configures and builds with CMake.
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+WERROR ?= $(if $(CI),ON,OFF)
+CTEST = ctest --output-on-failure -j $(JOBS)
+
+.PHONY: deps build demo test bench sanitize tsan install clean format
+
+deps:
+	@bash scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B build -DVARKEL_WERROR=$(WERROR) $(CMAKE_FLAGS) >/dev/null
+	cmake --build build -j $(JOBS)
+
+demo: build
+	./build/tools/varkel-demo
+
+test: build
+	cd build && $(CTEST)
+
+bench: deps
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVARKEL_WERROR=$(WERROR) >/dev/null
+	cmake --build build-bench -j $(JOBS) --target varkel_bench
+	./build-bench/bench/varkel_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+
+# The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer.
+sanitize: deps
+	cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug -DVARKEL_WERROR=$(WERROR) \
+	  -DVARKEL_SANITIZE=address,undefined -DVARKEL_BUILD_BENCH=OFF >/dev/null
+	cmake --build build-sanitize -j $(JOBS)
+	cd build-sanitize && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 $(CTEST)
+
+install: build
+	cmake --install build
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.hpp' '*.h')
+
+clean:
+	rm -rf build build-bench build-sanitize build-tsan

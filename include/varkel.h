@@ -1,0 +1,685 @@
+// varkel: control library for a hybrid-pixel X-ray area detector built from
+// Medipix3 chips. One handle per detector; every operation is a free function
+// over the handle and returns an int code:
+//   0          success
+//   > 0        an operating-system error number (see strerror)
+//   < 0        a library error, -1 to -13 (see varkel_error_string)
+#pragma once
+
+#include <pthread.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#if defined(_WIN32)
+#define VARKEL_API
+#else
+#define VARKEL_API __attribute__((visibility("default")))
+#endif
+
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
+              "the data-server records are little-endian on the wire");
+
+// ---------------------------------------------------------------------------
+// Models, channels, positions
+// ---------------------------------------------------------------------------
+
+enum varkel_detector_model_t : int32_t {
+  kinlet = 0,     // 1 module x 1 board x 1 chip
+  varkelLite = 1, // 1 x 1 x 12
+  varkelTrio = 2, // 1 x 3 x 12
+  varkelQuad = 3, // 4 x 3 x 12
+};
+
+// The channel a detector command goes over. Its value doubles as the
+// zero-based module index of per-module tables.
+enum varkel_thread_t : int32_t {
+  VARKEL_THREAD_MODULE1 = 0,
+  VARKEL_THREAD_MODULE2 = 1,
+  VARKEL_THREAD_MODULE3 = 2,
+  VARKEL_THREAD_MODULE4 = 3,
+  VARKEL_THREAD_MAIN = 4, // the socket of the module selected last
+};
+
+// A module's place on the detector face.
+enum moduleLoc : int32_t { UP_LT = 0, UP_RT = 1, LW_LT = 2, LW_RT = 3, ALL = 4, SINGLE = 5 };
+
+struct sensor {
+  moduleLoc module;  // not maintained in the handle's sensor_pos
+  int32_t mfb;       // board index 0..2
+  int32_t chipId;    // chip index on the board 0..11
+  int32_t sensorPos; // chip number 1..36 within the module (0 in decoderQuad)
+};
+
+// Fan-out target of a write.
+enum varkel_send_to_all_t : int32_t {
+  VARKEL_SEND_ONE_CHIP_ONE_MODULE = 0,
+  VARKEL_SEND_ALL_CHIPS_ONE_MODULE = 1,
+  VARKEL_SEND_ONE_CHIP_ALL_MODULES = 2,
+  VARKEL_SEND_ALL_CHIPS_ALL_MODULES = 3,
+  VARKEL_SEND_ONE_MFB_ONE_MODULE = 4,
+  VARKEL_SEND_ALL_MFBS_ONE_MODEULE = 5,
+  VARKEL_SEND_ALL_MFBS_ALL_MODULES = 6,
+};
+
+// ---------------------------------------------------------------------------
+// OMR register
+// ---------------------------------------------------------------------------
+
+enum varkel_omr_t : int32_t {
+  OMR_M = 0,
+  OMR_CRW_SRW = 1,
+  OMR_Polarity = 2,
+  OMR_PS = 3,
+  OMR_Disc_CSM_SPM = 4,
+  OMR_EnableTP = 5,
+  OMR_CountL = 6,
+  OMR_CollumBLock = 7,
+  OMR_CollumBLock_Sel = 8,
+  OMR_RowBlock = 9,
+  OMR_RowBlock_Sel = 10,
+  OMR_Equalization = 11,
+  OMR_Colour_Mode = 12,
+  OMR_CSM_SPM = 13,
+  OMR_Info_Header = 14,
+  OMR_Fuse_Sel = 15,
+  OMR_Fuse_Pulse_Width = 16,
+  OMR_Gain_Mode = 17,
+  OMR_Sense_DAC = 18,
+  OMR_Ext_DAC = 19,
+  OMR_Ext_BG_Sel = 20,
+  OMR_ENUM_END = 21,
+};
+
+enum varkel_omr_operation_t : int32_t {
+  OMR_OP_READ = 0,
+  OMR_OP_WRITE = 1,
+  OMR_OP_READ_ALLSENSORS = 2,
+  OMR_OP_WRITE_ALLSENSORS = 3,
+  OMR_OP_READ_ALL_OMRS_ONESENSOR = 4,
+  OMR_OP_ENUM_END = 5,
+};
+
+enum varkel_operation_mode_t : int32_t {
+  VARKEL_READ_COUNTER_L = 0,
+  VARKEL_READ_COUNTER_H = 1,
+  VARKEL_LOAD_COUNTER_L = 2,
+  VARKEL_LOAD_COUNTER_H = 3,
+  VARKEL_LOAD_DACS = 4,
+  VARKEL_LOAD_CTPR = 5,
+  VARKEL_READ_DACS = 6,
+  VARKEL_READ_OMR = 7,
+  VARKEL_OPERATION_MODE_ENUM_END = 8,
+};
+
+enum varkel_crw_srw_t : int32_t {
+  VARKEL_CRW_SRW_MODE_SEQUENTIAL = 0,
+  VARKEL_CRW_SRW_MODE_CONTINUOUS = 1,
+  VARKEL_CRW_SRW_MODE_ENUM_END = 2,
+};
+
+enum varkel_polarity_t : int32_t {
+  VARKEL_POLARITY_ELECTRON = 0,
+  VARKEL_POLARITY_HOLES = 1,
+  VARKEL_POLARITY_ENUM_END = 2,
+};
+
+enum varkel_dataout_t : int32_t {
+  VARKEL_DATA_OUT_0 = 0,
+  VARKEL_DATA_OUT_2 = 1,
+  VARKEL_DATA_OUT_4 = 2,
+  VARKEL_DATA_OUT_8 = 3,
+  VARKEL_DATA_OUT_ENUM_END = 4,
+};
+
+enum varkel_discriminator_t : int32_t {
+  VARKEL_DISCRIMINATOR_LOW = 0,
+  VARKEL_DISCRIMINATOR_HIGH = 1,
+  VARKEL_DISCRIMINATOR_ENUM_END = 2,
+};
+
+// Note the order: 1, 12, 6, 24 bits.
+enum varkel_counterDepth_t : int32_t {
+  VARKEL_COUNTERDEPTH_1BIT = 0,
+  VARKEL_COUNTERDEPTH_12BITS = 1,
+  VARKEL_COUNTERDEPTH_6BITS = 2,
+  VARKEL_COUNTERDEPTH_24BITS = 3,
+  VARKEL_COUNTERDEPTH_ENUM_END = 4,
+};
+
+enum varkel_spectroscopic_mode_t : int32_t {
+  VARKEL_COLOUR_MODE_FINE_PITCH = 0,
+  VARKEL_COLOUR_MODE_SPECTROSCOPIC = 1,
+  VARKEL_COLOUR_MODE_ENUM_END = 2,
+};
+
+enum varkel_pixel_mode_t : int32_t {
+  VARKEL_PIXEL_MODE_SINGLE_PIXEL = 0,
+  VARKEL_PIXEL_MODE_CHARGE_SUMMING = 1,
+  VARKEL_PIXEL_MODE_ENUM_END = 2,
+};
+
+enum varkel_gain_mode_t : int32_t {
+  VARKEL_GAIN_MODE_SUPER_HIGH = 0,
+  VARKEL_GAIN_MODE_LOW = 1,
+  VARKEL_GAIN_MODE_HIGH = 2,
+  VARKEL_GAIN_MODE_SUPER_LOW = 3,
+  VARKEL_GAIN_MODE_ENUM_END = 4,
+};
+
+// Column and row codes are 3-bit values with their bits reversed on the chip.
+enum varkel_column_t : int32_t {
+  VARKEL_COLUMN_0 = 0,
+  VARKEL_COLUMN_4 = 1,
+  VARKEL_COLUMN_2 = 2,
+  VARKEL_COLUMN_6 = 3,
+  VARKEL_COLUMN_1 = 4,
+  VARKEL_COLUMN_5 = 5,
+  VARKEL_COLUMN_3 = 6,
+  VARKEL_COLUMN_7 = 7,
+  VARKEL_COLUMN_ENUM_END = 8,
+};
+
+enum varkel_row_count_t : int32_t {
+  VARKEL_1_ROW = 0,
+  VARKEL_16_ROWS = 1,
+  VARKEL_4_ROWS = 2,
+  VARKEL_64_ROWS = 3,
+  VARKEL_2_ROWS = 4,
+  VARKEL_32_ROWS = 5,
+  VARKEL_8_ROWS = 6,
+  VARKEL_128_ROWS = 7,
+  VARKEL_ROW_COUNT_ENUM_END = 8,
+};
+
+enum varkel_medipix_mode_t : int32_t {
+  VARKEL_MEDIPIX_MODE_DEFAULT = 0,
+  VARKEL_MEDIPIX_MODE_CRW = 1,
+  VARKEL_MEDIPIX_MODE_24BITS = 2,
+  VARKEL_MEDIPIX_MODE_DUAL_ENERGY = 3,
+  VARKEL_MEDIPIX_MODE_ENUM_END = 4,
+};
+
+// Cached OMR fields of the chip selected last.
+struct varkel_omr {
+  varkel_operation_mode_t operation_mode;
+  varkel_crw_srw_t crw_srw_mode;
+  varkel_polarity_t polarity;
+  varkel_dataout_t dataout;
+  varkel_discriminator_t discriminator;
+  bool enable_testPulse;
+  varkel_counterDepth_t counterDepth_mode;
+  bool equalization;
+  varkel_spectroscopic_mode_t colour_mode;
+  varkel_pixel_mode_t pixel_mode;
+  varkel_gain_mode_t gain_mode;
+  uint8_t sense_dacSel;
+};
+
+// ---------------------------------------------------------------------------
+// DACs
+// ---------------------------------------------------------------------------
+
+// The DAC number is what travels on the wire.
+enum varkel_dac_t : int32_t {
+  DAC_ThresholdEnergy0 = 1,
+  DAC_ThresholdEnergy1 = 2,
+  DAC_ThresholdEnergy2 = 3,
+  DAC_ThresholdEnergy3 = 4,
+  DAC_ThresholdEnergy4 = 5,
+  DAC_ThresholdEnergy5 = 6,
+  DAC_ThresholdEnergy6 = 7,
+  DAC_ThresholdEnergy7 = 8,
+  DAC_Preamp = 9,
+  DAC_IKrum = 10,
+  DAC_Shaper = 11,
+  DAC_Disc = 12,
+  DAC_DiscLS = 13,
+  DAC_ShaperTest = 14,
+  DAC_DiscL = 15,
+  DAC_Delay = 16,
+  DAC_TPBufferIn = 17,
+  DAC_TPBufferOut = 18,
+  DAC_RPZ = 19,
+  DAC_GND = 20,
+  DAC_TPRef = 21,
+  DAC_FBK = 22,
+  DAC_CAS = 23,
+  DAC_TPRefA = 24,
+  DAC_TPRefB = 25,
+  DAC_BandGapOutput = 26,
+  DAC_BandGapTemperature = 27,
+  DAC_DACBias = 28,
+  DAC_DACCascodeBias = 29,
+  DAC_Test = 30,
+  DAC_DiscH = 31,
+  DAC_ENUM_END = 32,
+};
+
+// DAC operation codes: one code space split over a read and a write enumeration.
+enum varkel_read_dac_t : int32_t {
+  DIGITAL_READ_SINGLE_DAC = 0,
+  DIGITAL_READ_ALL_SENSORS = 2,
+  DIGITAL_READ_ALL_DACS = 4,
+  ANALOG_READ_SINGLE_DAC = 6,
+  ANALOG_READ_ALL_DACS = 7,
+  ANALOG_READ_ALL_SENSORS = 8,
+};
+
+enum varkel_write_dac_t : int32_t {
+  WRITE_SINGLE_DAC = 1,
+  WRITE_ALL_SENSORS = 3,
+  WRTIE_ALL_DACS = 5,
+};
+
+struct dac_scan_t {
+  varkel_dac_t dac;
+  int initial;
+  int final;
+  int step;
+  float acquireTime;
+};
+
+// ---------------------------------------------------------------------------
+// Acquisition
+// ---------------------------------------------------------------------------
+
+enum varkel_trigger_mode_t : int32_t {
+  VARKEL_TRIGGER_MODE_INTERNAL = 0,
+  VARKEL_TRIGGER_MODE_EXTERNAL_POS_EDGE = 1,
+  VARKEL_TRIGGER_MODE_EXTERNAL_NEG_EDGE = 2,
+  VARKEL_TRIGGER_MODE_ENUM_END = 3,
+};
+
+enum varkel_image_mode_t : int32_t {
+  VARKEL_IMAGE_MODE_SINGLE = 0,
+  VARKEL_IMAGE_MODE_MULTIPLE = 1,
+  VARKEL_IMAGE_MODE_CONTINUOUS = 2,
+  VARKEL_IMAGE_MODE_THRESHOLD = 3,
+  VARKEL_IMAGE_MODE_TESTPULSE = 4,
+  VARKEL_IMAGE_MODE_ENUM_END = 5,
+};
+
+enum varkel_read_counter_t : int32_t {
+  VARKEL_COUNTER_LOW = 0,
+  VARKEL_COUNTER_HIGH = 1,
+  VARKEL_READ_COUNTER_ENUM_END = 2,
+};
+
+enum varkel_trigger_out_t : int32_t {
+  VARKEL_TRIGGER_OUT_DISABLE = 0,
+  VARKEL_TRIGGER_OUT_BOTH = 1,
+  VARKEL_TRIGGER_OUT_SW = 2,
+  VARKEL_TRIGGER_OUT_EXTERNAL = 3,
+  VARKEL_TRIGGER_OUT_SHUTTER_MBA = 4,
+  VARKEL_TRIGGER_OUT_SHUTTER_MBB = 5,
+  VARKEL_TRIGGER_OUT_SHUTTER_MBC = 6,
+  VARKEL_TRIGGER_OUT_SHUTTER_MBALL = 7,
+  VARKEL_TRIGGER_OUT_ACQ_MBA = 8,
+  VARKEL_TRIGGER_OUT_ACQ_MBB = 9,
+  VARKEL_TRIGGER_OUT_ACQ_MBC = 10,
+  VARKEL_TRIGGER_OUT_ACQ_MBALL = 11,
+  VARKEL_TRIGGER_OUT_ENUM_END = 12,
+};
+
+enum acquire_status_t : int32_t {
+  IDLE = 0,
+  DONE_ACQ = 1,
+  ACQUIRING = 2,
+  BUFFER_OVERFLOW = 3,
+  STOPPED = 4,
+  DONE_BCK_ACQ = 5,
+};
+
+struct varkel_params_t {
+  varkel_detector_model_t detModel; // not read: the handle's own detModel is
+  varkel_dac_t dac;                 // not used
+  varkel_trigger_mode_t trigger_mode;
+  bool discard_data;
+  float bias_voltage;
+  varkel_read_counter_t read_counter;
+  varkel_image_mode_t image_mode;
+  float mfb_temperature[4][48]; // [module - 1][board * 16 + sensor - 1]
+  float mfb_sensor_temp;
+  float chip_temperature;
+  float allchip_temperature[4][36]; // [module - 1][chip number - 1]
+  float avg_chip_temperature[4];
+  char efuseID[8];
+  bool software_trigger;
+  bool external_band_gap; // not used
+  float extBgIn;
+  float dacOutput;
+  varkel_trigger_out_t trigger_out;
+};
+
+struct varkel_acquire_params_t {
+  uint32_t numImages;        // not used
+  uint32_t numImagesCounter; // not used
+  uint32_t numExposures;
+  float acquireTime;   // seconds
+  float acquirePeriod; // seconds
+  bool acquireState;
+  char detectorState[512];
+  float timeRemaining; // seconds
+  uint32_t numExposuresCounter;
+  uint32_t numExposuresTotal;
+  int32_t numCapture; // acquisitions the data server is to capture; set by the caller
+  acquire_status_t acquireStatus;
+};
+
+// ---------------------------------------------------------------------------
+// Data-server records: exactly 400 bytes each, packed, little-endian.
+// ---------------------------------------------------------------------------
+
+enum requestTypesEnum : uint8_t {
+  INIT_ARGS = 0,
+  ACQUIRE_ARGS = 1,
+  ACQUIRE_STATUS = 2,
+  SAVE_STATUS = 3,
+  ABORT_SAVE = 4,
+  STOP_ACQUIRE = 5,
+  ARRAY_DATA = 6, // never sent: the frame travels through shared memory
+  GEOMETRY = 7,
+};
+
+enum OperationTypesEnum : uint8_t { ACK = 0, NAK = 1, DONE = 2, NOT_DONE = 3, ERROR = 4 };
+
+enum returnTypesEnum : uint8_t {
+  INVALID_SAVE_PATH = 0,
+  INVALID_AQUISITION_MODE = 1,
+  INVALID_NUM_OF_ACQUISITIONS = 2,
+  INVALID_GEOMETRY_FILE = 3,
+};
+
+enum saveModeEnum : uint8_t { NO_SAVE = 0, SAVE_DURING = 1, SAVE_AFTER = 2 };
+
+enum aquisitionModeEnum : uint8_t { B12 = 0, B24 = 1, DUALENERGY = 2 };
+
+#pragma pack(push, 1)
+struct simpleArgs {
+  uint8_t type;  // request: requestTypesEnum; acknowledgement: ACK or NAK
+  uint8_t error; // on a NAK: returnTypesEnum
+  uint8_t reserved[398];
+};
+
+struct acqArgs {
+  uint8_t type; // ACQUIRE_ARGS
+  uint64_t noOfAquisitions;
+  char savefile[300];
+  bool useLFSR;
+  uint8_t saveMode;       // saveModeEnum
+  uint8_t aquisitionMode; // aquisitionModeEnum
+  bool resetRDMABuffer;
+  uint16_t bcFramesToProcessPerTime;
+  double detectorDistance;
+  uint8_t extraDimensions;
+  uint8_t DimensionsDepth[5];
+  uint8_t reserved[71];
+};
+
+struct acqStatusArgs {
+  uint8_t type;
+  uint64_t noOfFrames[4];
+  uint64_t noOfAquisitions[4];
+  float bufferUsed[4];
+  bool error[4];
+  uint64_t lostFrameCnt[4];
+  uint8_t done;
+  uint64_t savedFrameNum;
+  uint64_t savedAquisitionNum;
+  uint8_t reserved[266];
+};
+
+struct saveStatusArgs {
+  uint8_t type; // SAVE_STATUS
+  uint8_t done; // DONE or NOT_DONE; anything else is an error
+  uint8_t error[4];
+  uint64_t savedFrameNum;
+  uint64_t savedAquisitionNum;
+  uint8_t reserved[378];
+};
+
+// "be" is the data server's end of a module's RDMA link, "fe" the detector's.
+struct initArgs {
+  uint8_t type; // INIT_ARGS
+  uint8_t be_gid[4][16];
+  uint8_t fe_gid[4][16];
+  uint64_t fe_mac[4]; // low 48 bits
+  uint64_t be_mac[4]; // low 48 bits
+  uint64_t vaddr[4];
+  uint32_t rkey[4];
+  uint32_t qpn[4];
+  uint32_t bufferSize;
+  uint8_t reserved[139];
+};
+
+struct geometryArgs {
+  uint8_t type; // GEOMETRY
+  char jsonfile[300];
+  uint8_t reserved[99];
+};
+#pragma pack(pop)
+
+static_assert(sizeof(simpleArgs) == 400 && sizeof(acqArgs) == 400 && sizeof(acqStatusArgs) == 400 &&
+                  sizeof(saveStatusArgs) == 400 && sizeof(initArgs) == 400 && sizeof(geometryArgs) == 400,
+              "every data-server record is 400 bytes");
+static_assert(offsetof(acqArgs, noOfAquisitions) == 1 && offsetof(acqArgs, savefile) == 9 &&
+              offsetof(acqArgs, useLFSR) == 309 && offsetof(acqArgs, bcFramesToProcessPerTime) == 313 &&
+              offsetof(acqArgs, detectorDistance) == 315 && offsetof(acqArgs, extraDimensions) == 323 &&
+              offsetof(acqArgs, DimensionsDepth) == 324 && offsetof(acqArgs, reserved) == 329);
+static_assert(offsetof(acqStatusArgs, noOfFrames) == 1 && offsetof(acqStatusArgs, noOfAquisitions) == 33 &&
+              offsetof(acqStatusArgs, bufferUsed) == 65 && offsetof(acqStatusArgs, error) == 81 &&
+              offsetof(acqStatusArgs, lostFrameCnt) == 85 && offsetof(acqStatusArgs, done) == 117 &&
+              offsetof(acqStatusArgs, savedFrameNum) == 118 &&
+              offsetof(acqStatusArgs, savedAquisitionNum) == 126 && offsetof(acqStatusArgs, reserved) == 134);
+static_assert(offsetof(saveStatusArgs, error) == 2 && offsetof(saveStatusArgs, savedFrameNum) == 6 &&
+              offsetof(saveStatusArgs, savedAquisitionNum) == 14 && offsetof(saveStatusArgs, reserved) == 22);
+static_assert(offsetof(initArgs, be_gid) == 1 && offsetof(initArgs, fe_gid) == 65 &&
+              offsetof(initArgs, fe_mac) == 129 && offsetof(initArgs, be_mac) == 161 &&
+              offsetof(initArgs, vaddr) == 193 && offsetof(initArgs, rkey) == 225 && offsetof(initArgs, qpn) == 241 &&
+              offsetof(initArgs, bufferSize) == 257 && offsetof(initArgs, reserved) == 261);
+static_assert(offsetof(geometryArgs, jsonfile) == 1 && offsetof(geometryArgs, reserved) == 301);
+
+// View of the data server's shared frame buffer.
+struct array_data {
+  pthread_mutex_t* mutex; // not used by the library
+  int32_t* sample_frame;  // start of the mapped segment
+};
+
+// ---------------------------------------------------------------------------
+// The handle
+// ---------------------------------------------------------------------------
+
+struct varkel_t {
+  uint8_t max_num_modules;
+  uint8_t max_num_boards;
+  uint8_t max_num_chips;
+  uint8_t num_all_chips;    // chips per module
+  uint8_t num_mfb_tsensors; // board temperature sensors per module
+  int varkel_interface;     // main channel: a copy of the selected module's fd; -1 when closed
+  uint8_t varkel_module;    // 1-based module selected last
+  int fd[4];                // module sockets; 0 means never connected (see query_and_cache)
+  int backend_socket;       // data-server socket; -1 when closed
+  FILE* debug_out;          // trace stream; NULL means no trace
+  varkel_omr omr;
+  varkel_params_t varkelParam;
+  varkel_acquire_params_t acquireParam;
+  int32_t digital_dac_values[36][32]; // [chip number - 1][DAC number - 1]
+  float analog_dac_values[36][32];
+  int32_t omr_values[21];
+  char file_template[300];
+  initArgs init_args;
+  simpleArgs ack;
+  saveStatusArgs saveargs;
+  acqArgs acq_args;
+  acqStatusArgs acq_status_return;
+  sensor sensor_pos; // selection made last (see select_chipNumber)
+  pthread_mutex_t backend_socket_mutex;
+  array_data adata;
+  int simulate; // 1 selects the simulation shared-memory segments; set by the caller
+  int32_t mb_reg[5];
+  uint32_t frame_size; // pixels of one full frame
+  int32_t* sample_frame;
+  varkel_detector_model_t detModel;
+  bool sensor_disabled[4][36]; // [module index][chip number - 1]
+};
+
+// Process-wide acquisition polling state (one acquisition per process is timed).
+VARKEL_API extern volatile sig_atomic_t start_polling;
+VARKEL_API extern int initial_exposure_counter;
+
+// ---------------------------------------------------------------------------
+// Handle, models and errors
+// ---------------------------------------------------------------------------
+
+// Creates a handle for `detModel` and prints the model chosen. Returns NULL only
+// when the handle itself cannot be allocated. An unknown model gives a handle
+// with all counts 0. When the frame copy cannot be allocated the handle is still
+// returned, with `sample_frame` NULL and `frame_size` 0, and a line on standard
+// error says so: callers that need the frame check `sample_frame`.
+VARKEL_API varkel_t* varkel_new(varkel_detector_model_t detModel);
+
+// Releases the handle and everything it owns: every module socket, the data-server
+// connection, the frame copy, the mapped frame buffer, the trace file it opened and
+// the mutex.
+VARKEL_API void varkel_delete(varkel_t* varkel);
+
+// Message for any result code: strerror for positive codes, the library's table
+// for 0 and negative codes (anything below -13 reads "Invalid error number").
+VARKEL_API const char* varkel_error_string(int error);
+
+// Chip number within a module: (2 - mfb) * 12 + sensor + 1.
+VARKEL_API uint32_t decode_sensor_number(uint8_t sensor, uint8_t mfb);
+
+// Argument predicates: true when the value is accepted.
+VARKEL_API bool validate_bool(int value);
+VARKEL_API bool validate_u5_int(int value);
+VARKEL_API bool validate_u8_int(int value);
+VARKEL_API bool validate_u9_int(int value);
+VARKEL_API bool validate_u12_int(int value);
+VARKEL_API bool validate_operation_mode(int value);
+VARKEL_API bool validate_crw_srw(int value);
+VARKEL_API bool validate_polarity(int value);
+VARKEL_API bool validate_data_out(int value);
+VARKEL_API bool validate_discriminator(int value);
+VARKEL_API bool validate_counter_depth(int value);
+VARKEL_API bool validate_colour_mode(int value);
+VARKEL_API bool validate_pixel_mode(int value);
+VARKEL_API bool validate_gain_mode(int value); // prints the value first
+VARKEL_API int validate_omr_field(int value);  // 1 or 0
+VARKEL_API bool validate_dac_scan(int value);
+VARKEL_API bool validate_dac(int value);
+VARKEL_API bool validate_number_chip_module(int value);
+VARKEL_API bool validate_chip_with_zero(int value);
+VARKEL_API bool validate_number_chip_mfb(varkel_t* varkel, int value); // 0..max_num_chips inclusive
+VARKEL_API bool validate_number_boards(varkel_t* varkel, int value);   // 0..max_num_boards - 1
+VARKEL_API bool validate_module(varkel_t* varkel, int value);          // 1..max_num_modules
+VARKEL_API bool validate_read_counter(int value);
+VARKEL_API bool validate_temperature(float value);
+VARKEL_API bool validate_bias_voltage(float value);
+VARKEL_API bool validate_image_mode(int value);
+VARKEL_API bool validate_medipix_mode(int value);
+VARKEL_API bool validate_trigger_out(int value);
+VARKEL_API bool validate_trigger_mode(int value);
+VARKEL_API bool validate_acquire_period(float value);
+VARKEL_API bool validate_column(int value);
+VARKEL_API bool validate_row_count(int value);
+VARKEL_API bool validate_extBg(float value);
+
+// ---------------------------------------------------------------------------
+// Command channel
+// ---------------------------------------------------------------------------
+
+// Direction flag carried first by the set/read-back templates.
+inline constexpr bool CMD_READ = false;
+inline constexpr bool CMD_WRITE = true;
+// Seconds of chip readout time, used by the acquisition time checks.
+inline constexpr float IMAGE_READOUT = 0.0007f;
+
+inline constexpr char CMD_IMGCHIP_OMR[] = "HS_ImgChipOMR %u %u %u";
+inline constexpr char CMD_SET_OMR[] = "HS_Set_OMR %u %u";
+inline constexpr char CMD_GET_OMR[] = "HS_Get_OMR %u";
+inline constexpr char CMD_IMGCHIP_DAC[] = "HS_ImgChipDAC %u %u %u";
+inline constexpr char CMD_SET_DAC[] = "HS_Set_DAC_Variable %u %u";
+inline constexpr char CMD_GET_DAC[] = "HS_Get_DAC_Variable %u";
+inline constexpr char CMD_GET_DACBIAS[] = "HS_DACBias_RBV";
+inline constexpr char CMD_DAC_SCAN[] = "HS_DacScan %u %u %u %u";
+inline constexpr char CMD_CONFIGURE_ROCE[] = "ConfigureTransport";
+inline constexpr char CMD_TRANSPORT_ROCE[] = "TransportParams %u %s";
+inline constexpr char CMD_READ_MB_REG[] = "ReadReg %u";
+inline constexpr char CMD_WRITE_MB_REG[] = "WriteReg %u %s";
+inline constexpr char CMD_WRITE_TB_REG[] = "WriteTransport %u %s";
+inline constexpr char CMD_READ_TB_REG[] = "ReadTransport %u";
+inline constexpr char CMD_CHIP_NUMBER[] = "HS_ImgChipNumberID_Command %u %u";
+inline constexpr char CMD_PIXEL_LOAD[] = "PixelLoad %u %u";
+inline constexpr char CMD_LOAD_EQUALIZATION[] = "HS_LoadEqualization %s %u";
+inline constexpr char CMD_ACQUIRE[] = "HS_Acquire_Command %u %u";
+inline constexpr char CMD_SEND_IMAGE[] = "sendImage %u %u";
+inline constexpr char CMD_SET_TRIGGER[] = "HS_Set_Trigger %u %u";
+inline constexpr char CMD_SET_TRIGGER_OUT[] = "HS_TriggerOut_Command %u %u";
+inline constexpr char CMD_SEL_BOARDS[] = "SelectMedipixBoard_Command %u %u";
+inline constexpr char CMD_ACQUIRE_TIME[] = "HS_AcquireTime_Command %u %u";
+inline constexpr char CMD_ACQUIRE_PERIOD[] = "HS_AcquirePeriod_Command %u %u";
+inline constexpr char CMD_IMAGE_COUNT[] = "HS_NumImages_Command %u %u";
+inline constexpr char CMD_NUM_EXPOSURES[] = "HS_NumExposures_Command %u %u";
+inline constexpr char CMD_NUM_EXPOSURES_COUNT[] = "HS_NumExposuresCounter_RBV";
+inline constexpr char CMD_TRIGGER_MODE[] = "HS_Trigger_Command %u %u";
+inline constexpr char CMD_SOFT_TRIGGER[] = "HS_SoftwareTrigger %u %u";
+inline constexpr char CMD_SENSORBIAS[] = "HS_SensorBias_Command %u %u %f";
+inline constexpr char CMD_DETECTOR_STATE[] = "HS_DetectorState_Command";
+inline constexpr char CMD_efuseID[] = "HS_efuseID_RBV";
+inline constexpr char CMD_TIME_REMAINING[] = "HS_TimeRemaining_RBV";
+inline constexpr char CMD_READ_COUNTER[] = "HS_ReadCounter_Command %u %u";
+inline constexpr char CMD_IMAGE_MODE[] = "HS_ImageMode_Command %u %u";
+inline constexpr char CMD_TEMPERATURE_MFB[] = "HS_Temperature %u";
+inline constexpr char CMD_TEMPERATURE_CHIP[] = "HS_TemperatureSensor_RBV";
+inline constexpr char CMD_TEMPERATURE_CHIP_AVG[] = "HS_AvgTemperature";
+inline constexpr char CMD_DISCARDDATA[] = "HS_DiscardData_Command %u %u";
+inline constexpr char CMD_RESET[] = "HS_Reset %u";
+inline constexpr char CMD_EXTBGIN[] = "HS_ImgChip_ExtBgIn_Command %u %f";
+inline constexpr char CMD_DACOUTSENSE[] = "HS_ImgChipDACOUTSense_RBV";
+inline constexpr char CMD_BANDGAP_OUT[] = "HS_BandGapOutput_RBV";
+inline constexpr char CMD_BANDGAP_TEMP[] = "HS_BandGapTemperature_RBV";
+inline constexpr char CMD_CASCODE_BIAS[] = "HS_DACCascodeBias_RBV";
+
+// Builds the JSON-RPC request for the command text `cmd` into `buff`:
+// {"id":...,"params":[[words 2..5]],"jsonrpc":"2.0","method":word 1}. Returns 0,
+// or EOVERFLOW (buff then holds an empty text) when the request would not fit.
+VARKEL_API int print_json(varkel_t* varkel, const char* cmd, char* buff);
+
+// Copies the text of the reply's "result" member, else its "error" member, into
+// `parse_result` (1024 bytes). A reply that is not JSON, or has neither, gives an
+// empty text. Returns 0 when a member was found, -2 otherwise.
+VARKEL_API int parse_json(varkel_t* varkel, const char* buff, char* parse_result);
+
+// Formats and sends one request on channel `owner`. Returns 0; EOVERFLOW when the
+// command (511 characters at most) or its request (511 at most) does not fit,
+// nothing sent; ENOTCONN when the channel was never connected, nothing sent;
+// errno of a failed format or send.
+VARKEL_API int vcommand(varkel_t* varkel, const char* cmd_format, va_list args, varkel_thread_t owner);
+
+// Receives one reply on channel `owner` into `result` (cut to result_size - 1
+// characters). A reply split over several segments is put together until it forms
+// one complete JSON value. Returns 0 (an empty text when the peer has closed), -1
+// when the receive fails or times out.
+VARKEL_API int receive(varkel_t* varkel, char* result, uint64_t result_size, varkel_thread_t owner);
+
+// Discards stale input on the channel, sends, receives. Returns as vcommand and receive.
+VARKEL_API int vquery(varkel_t* varkel, char* result, uint64_t result_size, const char* cmd_format, va_list args,
+                      varkel_thread_t owner);
+
+// The one call every detector operation makes: one full query on the main channel
+// (first form) or on `owner`. On success `result` (1024 bytes) holds the reply's
+// result text and 0 is returned; on failure `result` is left untouched and the code
+// of vquery is returned.
+VARKEL_API int query_and_cache(varkel_t* varkel, char* result, const char* cmd_format, ...)
+    __attribute__((format(printf, 3, 4)));
+VARKEL_API int query_and_cache(varkel_t* varkel, varkel_thread_t owner, char* result, const char* cmd_format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+// Switches the trace of every request and reply of this handle on, into "log.txt"
+// in the current directory (created or emptied). Ends the process with status 0
+// when that file cannot be created.
+VARKEL_API void varkel_set_debug_stream(varkel_t* varkel, FILE* stream);

@@ -1,0 +1,90 @@
+#include <arpa/inet.h>
+#include <cassert>
+#include <cerrno>
+#include <cstring>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "ethernet.h"
+
+int get_address(const char* host, uint16_t port, struct sockaddr_in* addr)
+{
+  assert(host != NULL);
+  assert(addr != NULL);
+
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* info = nullptr;
+
+  int rc = EAI_AGAIN;
+  for (int attempt = 0; attempt < 3 && rc == EAI_AGAIN; ++attempt)
+    rc = getaddrinfo(host, nullptr, &hints, &info);
+  if (rc == EAI_SYSTEM)
+    return errno;
+  if (rc != 0)
+    return -1;
+
+  assert(info->ai_addrlen == sizeof(struct sockaddr_in));
+  std::memcpy(addr, info->ai_addr, sizeof(struct sockaddr_in));
+  addr->sin_port = htons(port);
+  freeaddrinfo(info);
+  return 0;
+}
+
+int set_timeout(int socket, uint64_t timeout_us)
+{
+  assert(socket != -1);
+  timeval tv{};
+  tv.tv_sec = static_cast<time_t>(timeout_us / 1000000);
+  tv.tv_usec = static_cast<suseconds_t>(timeout_us % 1000000);
+  if (setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0)
+    return errno;
+  return 0;
+}
+
+void drain_input(int socket)
+{
+  // Only what has already arrived is stale: non-blocking reads take it without
+  // waiting, where a 1-microsecond receive time-out would cost a scheduler tick
+  // on every command.
+  char scratch[512];
+  for (int i = 0; i < 100; ++i) {
+    if (recv(socket, scratch, sizeof scratch, MSG_DONTWAIT) <= 0)
+      break;
+  }
+  (void)set_timeout(socket, VARKEL_MODULE_TIMEOUT_US);
+}
+
+int set_address(int socket, const struct sockaddr_in* addr)
+{
+  assert(socket != -1);
+  assert(addr != NULL);
+  if (connect(socket, reinterpret_cast<const sockaddr*>(addr), sizeof *addr) != 0)
+    return errno;
+  return 0;
+}
+
+void safe_close(int fd)
+{
+  for (int attempt = 0; attempt < 10; ++attempt) {
+    if (close(fd) == 0 || errno == EBADF)
+      return;
+  }
+}
+
+int socket_connect(int socket, const char* address, uint16_t port, uint64_t read_timeout_us)
+{
+  assert(socket != -1);
+  assert(address != NULL);
+  assert(port > 0);
+
+  sockaddr_in addr{};
+  if (int rc = get_address(address, port, &addr); rc != 0)
+    return rc;
+  if (int rc = set_timeout(socket, read_timeout_us); rc != 0)
+    return rc;
+  return set_address(socket, &addr);
+}

@@ -1,0 +1,73 @@
+// The shapes most detector operations take, written once. Each operation names
+// its template, its check, its reply format and its cache field; these do the rest.
+#pragma once
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+
+#include "internal/protocol.hpp"
+#include "varkel.h"
+
+// Templates are passed through as runtime format strings: their arguments are
+// checked where each operation names its template.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+
+namespace varkel::detail {
+
+// Send, status only: returns the query code.
+template <typename... Args>
+int query_status(varkel_t* v, varkel_thread_t owner, const char* cmd, Args... args)
+{
+  char reply[kReplySize];
+  return query_and_cache(v, owner, reply, cmd, args...);
+}
+
+// Send, scan the result text with `scan` (one conversion into a T) and, only when
+// it parses, hand the value to `store`. Returns the query code; a reply that does
+// not parse returns 0 and leaves the cache as it was.
+template <typename T, typename Store, typename... Args>
+int query_scan(varkel_t* v, varkel_thread_t owner, const char* scan, Store&& store, const char* cmd, Args... args)
+{
+  char reply[kReplySize];
+  if (int rc = query_and_cache(v, owner, reply, cmd, args...); rc != 0)
+    return rc;
+  T value{};
+  if (std::sscanf(reply, scan, &value) == 1)
+    store(value);
+  return 0;
+}
+
+// Send, compare the result text with `expected`. Returns the query code, or
+// `mismatch` when the text differs.
+template <typename... Args>
+int query_expect(varkel_t* v, varkel_thread_t owner, const char* expected, int mismatch, const char* cmd,
+                 Args... args)
+{
+  char reply[kReplySize];
+  if (int rc = query_and_cache(v, owner, reply, cmd, args...); rc != 0)
+    return rc;
+  return std::strcmp(reply, expected) == 0 ? 0 : mismatch;
+}
+
+// One worker per module, each on its own channel; returns the OR of the step
+// results. The team has one thread per module: the workers wait on sockets, so
+// they must not queue behind the number of cores.
+template <typename Step>
+int for_each_module_parallel(varkel_t* v, Step&& step)
+{
+  const int modules = v->max_num_modules;
+  if (modules <= 0)
+    return 0;
+  std::atomic<int> result{0};
+#pragma omp parallel for num_threads(modules) schedule(static)
+  for (int m = 0; m < modules; ++m)
+    result.fetch_or(step(static_cast<varkel_thread_t>(m)), std::memory_order_relaxed);
+  return result.load();
+}
+
+} // namespace varkel::detail
+
+#pragma GCC diagnostic pop

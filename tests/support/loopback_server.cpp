@@ -1,0 +1,100 @@
+#include "loopback_server.hpp"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <netinet/in.h>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace varkel::testing {
+
+LoopbackServer::LoopbackServer(Session session, const char* host, uint16_t port) : session_(std::move(session))
+{
+  listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listen_fd_ < 0)
+    throw std::runtime_error("socket");
+  int one = 1;
+  setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  inet_pton(AF_INET, host, &addr.sin_addr);
+  if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(listen_fd_, 16) != 0) {
+    close(listen_fd_);
+    throw std::runtime_error("bind/listen");
+  }
+  socklen_t len = sizeof addr;
+  getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len);
+  port_ = ntohs(addr.sin_port);
+  acceptor_ = std::thread([this] { accept_loop(); });
+}
+
+LoopbackServer::~LoopbackServer() { stop(); }
+
+void LoopbackServer::accept_loop()
+{
+  while (!stopping_.load()) {
+    pollfd p{listen_fd_, POLLIN, 0};
+    if (poll(&p, 1, 50) <= 0)
+      continue;
+    const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0)
+      continue;
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, 1 /* TCP_NODELAY */, &one, sizeof one);
+    std::lock_guard lock(mutex_);
+    open_fds_.push_back(fd);
+    accepted_.fetch_add(1);
+    sessions_.emplace_back([this, fd] {
+      session_(fd);
+      // The session ends the connection by returning: a close, or a reset when armed.
+      std::lock_guard guard(mutex_);
+      std::erase(open_fds_, fd);
+      close(fd);
+    });
+  }
+}
+
+void LoopbackServer::stop()
+{
+  if (stopping_.exchange(true))
+    return;
+  if (acceptor_.joinable())
+    acceptor_.join();
+  close(listen_fd_);
+  std::vector<std::thread> sessions;
+  {
+    std::lock_guard lock(mutex_);
+    for (int fd : open_fds_)
+      shutdown(fd, SHUT_RDWR);
+    sessions.swap(sessions_);
+  }
+  for (auto& t : sessions)
+    t.join();
+}
+
+bool send_all(int fd, const void* data, std::size_t size)
+{
+  const char* p = static_cast<const char*>(data);
+  while (size > 0) {
+    const ssize_t n = send(fd, p, size, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return false;
+    p += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+void arm_reset(int fd)
+{
+  linger l{1, 0};
+  setsockopt(fd, SOL_SOCKET, SO_LINGER, &l, sizeof l);
+}
+
+} // namespace varkel::testing
