@@ -157,8 +157,10 @@ bool validate_trigger_out(int value) { return in_range(value, 0, 11); }
 bool validate_trigger_mode(int value) { return in_range(value, 0, 2); }
 bool validate_acquire_period(float value)
 {
+  // The bound is the float nearest 0.02, so that a period of 0.02 s passed as
+  // float is accepted; the comparison itself is in double precision.
   const double period = value;
-  return period == 0.0 || period >= 0.02;
+  return period == 0.0 || period >= static_cast<double>(0.02f);
 }
 bool validate_column(int value) { return in_range(value, 0, 7); }
 bool validate_row_count(int value) { return in_range(value, 0, 7); }
