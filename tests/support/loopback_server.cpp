@@ -37,9 +37,6 @@ LoopbackServer::~LoopbackServer() { stop(); }
 void LoopbackServer::accept_loop()
 {
   while (!stopping_.load()) {
-    pollfd p{listen_fd_, POLLIN, 0};
-    if (poll(&p, 1, 50) <= 0)
-      continue;
     const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0)
       continue;
@@ -62,6 +59,7 @@ void LoopbackServer::stop()
 {
   if (stopping_.exchange(true))
     return;
+  shutdown(listen_fd_, SHUT_RDWR); // wakes the blocked accept
   if (acceptor_.joinable())
     acceptor_.join();
   close(listen_fd_);

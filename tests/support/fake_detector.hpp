@@ -1,0 +1,36 @@
+// A handle whose module channels are connected to fake controllers, one per
+// module, the main channel on the last module (as after connecting).
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fake_controller.hpp"
+#include "varkel.h"
+
+namespace varkel::testing {
+
+class FakeDetector {
+public:
+  explicit FakeDetector(varkel_detector_model_t model);
+  ~FakeDetector();
+  FakeDetector(const FakeDetector&) = delete;
+  FakeDetector& operator=(const FakeDetector&) = delete;
+
+  varkel_t* handle() const { return v_; }
+  // Fake of module m (1-based).
+  FakeController& module(int m) { return *fakes_.at(static_cast<std::size_t>(m - 1)); }
+  int modules() const { return static_cast<int>(fakes_.size()); }
+  // Sets the same handler on every module's fake.
+  void answer_all(const FakeController::Handler& handler);
+  // Commands each module received, in order ("Method p1 p2"), as "m:command".
+  std::vector<std::string> all_commands() const;
+  void clear();
+
+private:
+  varkel_t* v_ = nullptr;
+  std::vector<std::unique_ptr<FakeController>> fakes_;
+};
+
+} // namespace varkel::testing
