@@ -1,0 +1,83 @@
+// The shared library exports exactly the functions and data the public headers
+// declare with VARKEL_API: nothing internal leaks, nothing declared is missing.
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <regex>
+#include <set>
+#include <string>
+
+namespace {
+
+std::set<std::string> declared_names()
+{
+  std::set<std::string> names;
+  const std::regex function(R"(VARKEL_API[^;(]*?\b(\w+)\s*\()");
+  const std::regex data(R"(VARKEL_API\s+extern[^;(]*?\b(\w+)(\s*\[\d*\])?\s*;)");
+  for (const char* header : {"varkel.h", "ethernet.h", "utils.h", "decode.h"}) {
+    std::ifstream in(std::string(VARKEL_INCLUDE_DIR) + "/" + header);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // Declarations may span lines; the macro definition itself is not one.
+    text = std::regex_replace(text, std::regex(R"(#define VARKEL_API.*)"), "");
+    text = std::regex_replace(text, std::regex(R"(\s+)"), " ");
+    for (const std::regex& r : {function, data})
+      for (std::sregex_iterator it(text.begin(), text.end(), r), end; it != end; ++it)
+        names.insert((*it)[1]);
+  }
+  return names;
+}
+
+std::set<std::string> exported_names()
+{
+  std::set<std::string> names;
+  const std::string command = std::string("nm -D --defined-only -C ") + VARKEL_LIBRARY;
+  FILE* pipe = popen(command.c_str(), "r");
+  std::array<char, 4096> line{};
+  while (pipe && fgets(line.data(), line.size(), pipe)) {
+    // "<address> <type> <name>": functions and data the library defines itself;
+    // weak symbols are template instances of the standard library.
+    char type = 0;
+    char name[4000] = {};
+    if (std::sscanf(line.data(), "%*s %c %3999[^\n]", &type, name) != 2 || std::strchr("TDBR", type) == nullptr)
+      continue;
+    std::string n = name;
+    n = n.substr(0, n.find('('));
+    if (n.rfind("std::", 0) != 0 && n.rfind("_", 0) != 0)
+      names.insert(n);
+  }
+  if (pipe)
+    pclose(pipe);
+  return names;
+}
+
+// Function declarations at file scope that lack the export macro.
+std::set<std::string> unexported_declarations()
+{
+  std::set<std::string> names;
+  const std::regex declaration(R"(^(?!VARKEL_API|static|inline|typedef|template|struct|enum|namespace|#|//)[A-Za-z_][\w\s\*&:<>,]*?\b(\w+)\s*\()");
+  for (const char* header : {"varkel.h", "ethernet.h", "utils.h", "decode.h"}) {
+    std::ifstream in(std::string(VARKEL_INCLUDE_DIR) + "/" + header);
+    for (std::string line; std::getline(in, line);) {
+      std::smatch m;
+      if (std::regex_search(line, m, declaration))
+        names.insert(std::string(header) + ": " + m[1].str());
+    }
+  }
+  return names;
+}
+
+TEST(Exports, ExactlyTheDeclaredApi)
+{
+  const auto declared = declared_names();
+  const auto exported = exported_names();
+  ASSERT_GT(declared.size(), 40u);
+  for (const auto& name : declared)
+    EXPECT_TRUE(exported.count(name)) << name << " is declared but not exported";
+  for (const auto& name : exported)
+    EXPECT_TRUE(declared.count(name)) << name << " is exported but not declared";
+  EXPECT_EQ(unexported_declarations(), std::set<std::string>{});
+}
+
+} // namespace
