@@ -1,14 +1,181 @@
+// The data-server connection with its initialisation handshake, and the shared
+// frame buffer the data server publishes.
+#include <algorithm>
+#include <cassert>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "ethernet.h"
 #include "internal/backend.hpp"
+#include "internal/backend_records.hpp"
+#include "utils.h"
 
 namespace varkel::detail {
 
+namespace {
+
+// Prints one line without disturbing errno: callers report the system error after it.
+void print_line(const char* text)
+{
+  const int saved = errno;
+  std::puts(text);
+  errno = saved;
+}
+
+} // namespace
+
+bool send_record(int fd, const void* record)
+{
+  return send(fd, record, kRecordSize, MSG_NOSIGNAL) == static_cast<ssize_t>(kRecordSize);
+}
+
+ssize_t receive_record(int fd, void* record) { return recv(fd, record, kRecordSize, MSG_WAITALL); }
+
 void release_backend(varkel_t* v)
 {
-  if (v->backend_socket >= 0) {
-    safe_close(v->backend_socket);
-    v->backend_socket = -1;
+  if (v->backend_socket >= 0)
+    varkel_disconnect_backend(v);
+  if (v->adata.sample_frame != nullptr) {
+    munmap(v->adata.sample_frame, kFrameBufferSize);
+    v->adata.sample_frame = nullptr;
   }
 }
 
 } // namespace varkel::detail
+
+using namespace varkel::detail;
+
+int varkel_connect_backend(varkel_t* varkel, const char* address, unsigned short port)
+{
+  assert(varkel != NULL);
+  assert(address != NULL);
+  assert(port > 0);
+
+  if (varkel->backend_socket != -1)
+    varkel_disconnect_backend(varkel);
+  varkel->backend_socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (varkel->backend_socket < 0) {
+    varkel->backend_socket = -1;
+    return errno;
+  }
+  int rc = socket_connect(varkel->backend_socket, address, port, VARKEL_BACKEND_TIMEOUT_US);
+  if (rc == 0) {
+    rc = receive_initArgs_fromBackend(varkel, varkel->backend_socket);
+    if (rc == 0)
+      return 0;
+  }
+  varkel_disconnect_backend(varkel);
+  return rc;
+}
+
+void varkel_disconnect_backend(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  if (varkel->backend_socket == -1)
+    return;
+  safe_close(varkel->backend_socket);
+  varkel->backend_socket = -1;
+  print_debug(varkel->debug_out, "[DISC]", "");
+}
+
+int receive_initArgs_fromBackend(varkel_t* varkel, int sockfd)
+{
+  assert(varkel != NULL);
+  BackendLock lock(varkel->backend_socket_mutex);
+
+  const ssize_t got = receive_record(sockfd, &varkel->init_args);
+  if (got != static_cast<ssize_t>(kRecordSize)) {
+    perror("receive_initArgs_fromBackend");
+    printf("Error while receiving initial args. Returned value is %d\n", static_cast<int>(got));
+    return -1;
+  }
+  if (varkel->init_args.type != INIT_ARGS) {
+    printf("initial arguments with wrong type paramter received %d\n", varkel->init_args.type);
+    return -1;
+  }
+  std::fputs(format_init_args(varkel->init_args).c_str(), stdout);
+
+  varkel->ack.type = ACK;
+  if (!send_record(sockfd, &varkel->ack)) {
+    puts("Error while sending init args");
+    return -1;
+  }
+  puts("Sent ackhowledgement");
+  return 0;
+}
+
+void print_gid(unsigned char* gid, const char* id)
+{
+  assert(gid != NULL);
+  assert(id != NULL);
+  std::fputs(format_gid(gid, id).c_str(), stdout);
+}
+
+uint8_t* create_shared_memory(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  const FrameSegment* segment = frame_segment(varkel->detModel, varkel->simulate);
+  if (segment == nullptr) {
+    printf("Detector model %d has no shared memory file for array data.\n", static_cast<int>(varkel->detModel));
+    errno = ENODEV;
+    return nullptr;
+  }
+  if (access(segment->file, F_OK) != 0) {
+    print_line(segment->missing_text);
+    return nullptr;
+  }
+  const int fd = shm_open(segment->name, O_RDWR, 0777);
+  if (fd < 0) {
+    print_line(segment->open_fail_text);
+    return nullptr;
+  }
+  // Pages past the end of the segment fault on access: it must hold at least the
+  // frame this handle copies out of it.
+  struct stat st {};
+  const std::size_t frame_bytes = std::min<std::size_t>(std::size_t{varkel->frame_size} * 4, kFrameBufferSize);
+  if (fstat(fd, &st) != 0 || st.st_size < static_cast<off_t>(frame_bytes)) {
+    close(fd);
+    printf("Shared memory file %s is smaller than one frame (%zu bytes).\n", segment->file, frame_bytes);
+    errno = EINVAL;
+    return nullptr;
+  }
+  void* map = mmap(nullptr, kFrameBufferSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  const int map_errno = errno;
+  close(fd);
+  if (map == MAP_FAILED) {
+    errno = map_errno;
+    print_line("Cannot map shared memory file.");
+    return nullptr;
+  }
+  return static_cast<uint8_t*>(map);
+}
+
+int init_array_data(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  uint8_t* map = create_shared_memory(varkel);
+  if (map == nullptr) {
+    perror("Could not initialize shared memory.\n");
+    return -1;
+  }
+  // A second mapping replaces the first instead of leaking it.
+  if (varkel->adata.sample_frame != nullptr)
+    munmap(varkel->adata.sample_frame, kFrameBufferSize);
+  varkel->adata.sample_frame = reinterpret_cast<int32_t*>(map);
+  return 0;
+}
+
+void get_array_data(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  if (varkel->adata.sample_frame == nullptr || varkel->sample_frame == nullptr)
+    return;
+  const std::size_t bytes = std::min<std::size_t>(std::size_t{varkel->frame_size} * 4, kFrameBufferSize);
+  std::memcpy(varkel->sample_frame, varkel->adata.sample_frame, bytes);
+}
