@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "internal/protocol.hpp"
+#include "internal/selection.hpp"
 #include "varkel.h"
 
 // Templates are passed through as runtime format strings: their arguments are
@@ -63,9 +64,25 @@ int for_each_module_parallel(varkel_t* v, Step&& step)
     return 0;
   std::atomic<int> result{0};
 #pragma omp parallel for num_threads(modules) schedule(static)
-  for (int m = 0; m < modules; ++m)
+  for (int m = 0; m < modules; ++m) {
+    ModuleWorkerScope worker;
     result.fetch_or(step(static_cast<varkel_thread_t>(m)), std::memory_order_relaxed);
+  }
   return result.load();
+}
+
+// For each module 1..max_num_modules in turn, on the caller's thread: point the
+// main channel at it (select_module), then run step(module number). Leaves the
+// main channel on the last module. Returns the OR of all selection and step results.
+template <typename Step>
+int for_each_module_selected(varkel_t* v, Step&& step)
+{
+  int result = 0;
+  for (int m = 1; m <= v->max_num_modules; ++m) {
+    result |= select_module(v, m);
+    result |= step(m);
+  }
+  return result;
 }
 
 } // namespace varkel::detail

@@ -1,0 +1,211 @@
+// Connecting the modules to their controllers and bringing each module's RDMA
+// data transport up, plus the efuse read-back and the reset command.
+#include <array>
+#include <cassert>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <mutex>
+#include <omp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "ethernet.h"
+#include "internal/query.hpp"
+
+using namespace varkel::detail;
+
+namespace {
+
+// Workers connecting modules side by side each make their module the main
+// channel; the pair (socket, module number) changes as one, the last one wins.
+std::mutex main_channel_mutex;
+// Workers of several modules may store efuse identifiers at once.
+std::mutex efuse_mutex;
+
+void set_main_channel(varkel_t* v, int fd, int module)
+{
+  std::lock_guard lock(main_channel_mutex);
+  v->varkel_interface = fd;
+  v->varkel_module = static_cast<uint8_t>(module);
+}
+
+// Closes a module's socket and leaves its channel without a descriptor. The main
+// channel lets go of it first, so that a socket another worker opens meanwhile
+// under the same number is never taken for this one.
+void release_module_socket(varkel_t* v, int& slot)
+{
+  if (slot <= 0)
+    return;
+  {
+    std::lock_guard lock(main_channel_mutex);
+    if (v->varkel_interface == slot)
+      v->varkel_interface = -1;
+  }
+  safe_close(slot);
+  slot = -1;
+}
+
+// An IPv4 stream socket, never on descriptor 0 (which the handle reads as "no
+// connection"). Returns -1 with errno set on failure.
+int new_socket()
+{
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd == 0) {
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, 1);
+    const int err = errno;
+    close(fd);
+    errno = err;
+    fd = moved;
+  }
+  return fd;
+}
+
+struct TransportParam {
+  int number;
+  char text[48];
+};
+constexpr std::size_t kTransportParams = 13;
+constexpr std::size_t kNumframesWidth = 5;
+
+// Bytes first..first+3 of a GID as a big-endian number.
+uint32_t gid_word(const uint8_t* gid, int first)
+{
+  return static_cast<uint32_t>(gid[first]) << 24 | static_cast<uint32_t>(gid[first + 1]) << 16 |
+         static_cast<uint32_t>(gid[first + 2]) << 8 | gid[first + 3];
+}
+
+// The transport parameters of module index `m` in the order they are sent, each
+// text cut to the width the transport board takes. False when bufferSize does not
+// fit its field: cutting it would send a different frame count.
+bool transport_params(const initArgs& a, int m, std::array<TransportParam, kTransportParams>& out)
+{
+  std::size_t i = 0;
+  auto put = [&](int number, std::size_t width, unsigned long long value) {
+    out[i].number = number;
+    std::snprintf(out[i++].text, width, "%llu", value);
+  };
+  const uint64_t mac = a.be_mac[m];
+  const uint64_t vaddr = a.vaddr[m];
+  const uint8_t* gid = a.be_gid[m];
+  put(2, 16, mac & 0xFFFF);
+  put(3, 48, mac >> 16);
+  put(8, 32, gid_word(gid, 12));
+  put(9, 32, gid_word(gid, 8));
+  put(10, 32, gid_word(gid, 4));
+  put(11, 32, gid_word(gid, 0));
+  put(12, 32, a.qpn[m]);
+  put(13, 48, vaddr & 0xFFFFFFFF);
+  put(14, 16, (vaddr >> 32) & 0xFFFF);
+  put(15, 16, a.rkey[m]);
+  out[i].number = 16;
+  const int numframes = std::snprintf(out[i++].text, kNumframesWidth, "%d", static_cast<int32_t>(a.bufferSize));
+  put(19, 2, 1);
+  put(21, 2, 1);
+  return numframes >= 0 && static_cast<std::size_t>(numframes) < kNumframesWidth;
+}
+
+} // namespace
+
+int varkel_init(varkel_t* varkel, int fd_pos, const char* address, uint16_t port)
+{
+  assert(varkel != NULL);
+  assert(address != NULL);
+  assert(port > 0);
+  if (fd_pos < 0 || fd_pos >= varkel->max_num_modules)
+    return -7;
+
+  int& slot = varkel->fd[fd_pos];
+  release_module_socket(varkel, slot);
+  const int fd = new_socket();
+  if (fd < 0)
+    return errno;
+  slot = fd;
+
+  int rc = socket_connect(fd, address, port, VARKEL_MODULE_TIMEOUT_US);
+  if (rc == 0) {
+    set_main_channel(varkel, fd, fd_pos + 1);
+    printf("Varkel Conected!!!\n");
+    rc = send_allinitArgs(varkel, fd_pos);
+    if (rc == 0)
+      return 0;
+  }
+  release_module_socket(varkel, slot);
+  return rc;
+}
+
+int varkel_connect(varkel_t* varkel, const char* const address[], const uint16_t port[])
+{
+  assert(varkel != NULL);
+  assert(address != NULL);
+  assert(port != NULL);
+  return for_each_module_parallel(varkel, [&](varkel_thread_t m) {
+    printf("\nTID: %d\n", omp_get_thread_num());
+    return varkel_init(varkel, m, address[m], port[m]);
+  });
+}
+
+void varkel_disconnect(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  const int fd = varkel->varkel_interface;
+  varkel->varkel_interface = -1;
+  // 0 is what select_module copies from a module that was never connected.
+  if (fd <= 0)
+    return;
+  // The module whose socket this was must not keep the number: the process may
+  // hand it out again.
+  for (int& module_fd : varkel->fd) {
+    if (module_fd == fd)
+      module_fd = -1;
+  }
+  safe_close(fd);
+}
+
+int send_allinitArgs(varkel_t* varkel, int module)
+{
+  assert(varkel != NULL);
+  printf("\nSend All init args to k64\n");
+  if (module < 0 || module >= varkel->max_num_modules)
+    return -7;
+  std::array<TransportParam, kTransportParams> params;
+  if (!transport_params(varkel->init_args, module, params))
+    return -3;
+
+  const auto owner = static_cast<varkel_thread_t>(module);
+  int rc = 0;
+  for (const TransportParam& p : params)
+    rc |= send_transportParams(varkel, p.number, p.text, owner);
+  rc |= send_configureTransport(varkel, owner);
+  return rc;
+}
+
+int US_efuseID_RBV(varkel_t* varkel, varkel_thread_t owner)
+{
+  assert(varkel != NULL);
+  char reply[kReplySize];
+  if (int rc = query_and_cache(varkel, owner, reply, CMD_efuseID); rc != 0)
+    return rc;
+  char word[sizeof varkel->varkelParam.efuseID]{};
+  static_assert(sizeof word == 8, "the scan below keeps 7 characters");
+  if (std::sscanf(reply, "%7s", word) == 1) {
+    std::lock_guard lock(efuse_mutex);
+    std::memcpy(varkel->varkelParam.efuseID, word, sizeof word);
+  }
+  return 0;
+}
+
+int efuseid_rbv(varkel_t* varkel) { return US_efuseID_RBV(varkel, VARKEL_THREAD_MAIN); }
+
+int US_Reset(varkel_t* varkel, int16_t action, varkel_thread_t owner)
+{
+  assert(varkel != NULL);
+  if (!validate_bool(action))
+    return -3;
+  return query_status(varkel, owner, CMD_RESET, static_cast<unsigned>(action));
+}
+
+int varkel_reset(varkel_t* varkel) { return US_Reset(varkel, 1, VARKEL_THREAD_MAIN); }
+
+int load_initVarkelParams(varkel_t*) { return 0; }
