@@ -894,3 +894,19 @@ VARKEL_API int US_ImgChipNumberID_RBV(varkel_t* varkel);
 VARKEL_API int US_Select_ChipNumber(varkel_t* varkel, int chip_id, varkel_thread_t owner);
 // US_Select_ChipNumber on the main channel.
 VARKEL_API int select_chipNumber(varkel_t* varkel, int chip_id);
+
+// Serial line to a controller: 115200 baud, 8N1, raw, no flow control.
+
+// Opens and configures `device`; the descriptor goes to varkel_interface (a serial
+// port opened earlier on this handle is closed first). Returns 0, or -1 with a
+// message; on failure varkel_interface is -1.
+VARKEL_API int open_serialPort(varkel_t* varkel, const char* device);
+// Writes `size` bytes of `buffer` in one call. Returns 0, or -1 on a short or
+// failed write.
+VARKEL_API int write_serialPort(int fd, const char* buffer, size_t size);
+// Reads one reply: 'j', a {...} part, anything, then a second {...} part, which is
+// placed in `buffer` (cut to size - 1 characters). Pending input is discarded
+// first. Returns the length placed in `buffer`; -2 when nothing arrives within
+// five 1-second waits, the reply does not start with 'j', the line goes silent for
+// 0.5 s in mid-reply, or the reply runs past 64 KiB.
+VARKEL_API int read_serialPort(varkel_t* varkel, int fd, char* buffer, size_t size);
