@@ -51,8 +51,9 @@ Simulator::Simulator(Options options) : options_(std::move(options))
     const uint16_t port = options_.port ? static_cast<uint16_t>(options_.port + m) : 0;
     JsonRpcServer::Log log;
     if (options_.verbose)
-      log = [m](const std::string& command, const std::string& reply) {
-        std::printf("module %d: %s -> %s\n", m + 1, command.c_str(), reply.c_str());
+      log = [m, t0 = Clock::now()](const std::string& command, const std::string& reply) {
+        const double at = std::chrono::duration<double>(Clock::now() - t0).count();
+        std::printf("%10.3f module %d: %s -> %s\n", at, m + 1, command.c_str(), reply.c_str());
         std::fflush(stdout);
       };
     auto handler = [this, m](const Call& call) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
+#include <thread>
 
 namespace varkel::sim {
 
@@ -166,6 +167,7 @@ uint64_t World::frames_delivered(int m, Clock::time_point now) const
 
 void World::publish(Clock::time_point now)
 {
+  std::vector<ModuleShot> shots;
   for (int m = 0; m < geo.modules; ++m) {
     Module& mod = modules[m];
     if (!mod.run || mod.run->published || !mod.run->done_at(now))
@@ -173,15 +175,23 @@ void World::publish(Clock::time_point now)
     mod.run->published = true;
     if (!segment || !mod.run->delivers || mod.run->frames_at(now) == 0)
       continue;
-    ModuleShot shot;
+    ModuleShot& shot = shots.emplace_back();
     shot.module = m;
     shot.exposure_s = mod.run->exposure_us / 1e6;
     shot.seed = static_cast<uint64_t>(m + 1) << 32 | mod.delivered_runs;
     for (int b = 0; b < geo.boards; ++b)
       for (int c = 0; c < geo.chips; ++c)
         shot.chip_live[b][c] = mod.chips[b][c].live();
-    render_module(model, shot, segment->pixels());
   }
+  // Modules that finish together are drawn side by side: the reply that noticed
+  // waits for the frame.
+  std::vector<std::thread> painters;
+  for (std::size_t i = 1; i < shots.size(); ++i)
+    painters.emplace_back([&, i] { render_module(model, shots[i], segment->pixels()); });
+  if (!shots.empty())
+    render_module(model, shots[0], segment->pixels());
+  for (auto& t : painters)
+    t.join();
 }
 
 std::map<uint32_t, uint64_t> expected_transport(const initArgs& link, int m)

@@ -1,24 +1,521 @@
-// varkel-demo: creates a handle for each detector model and prints its geometry.
+// varkel-demo: the typical use of the library, end to end, with a summary.
+//
+// By default it starts the simulator in this process for a four-module detector;
+// with --module HOST:PORT (one per module) and --data-server HOST:PORT it drives
+// those instead, e.g. a varkel-sim started by hand. It connects the data server and
+// the modules, sets the acquisition time, period, exposures and trigger
+// arrangement, prepares the data server, runs the acquisition while showing its
+// progress, asks the data server what it received, copies the sample frame and
+// writes it as a PNG. The library's own output goes to a log file.
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <png.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
 
+#include "decode.h"
+#include "simulator.hpp"
 #include "varkel.h"
 
-int main()
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+struct Endpoint {
+  std::string host;
+  uint16_t port = 0;
+};
+
+struct Settings {
+  varkel_detector_model_t model = varkelQuad;
+  std::vector<Endpoint> modules;
+  std::optional<Endpoint> data_server;
+  unsigned latency_us = 0;
+  std::vector<varkel::sim::MissingChip> missing;
+  float exposure = 0.05f;
+  float period = 0.1f;
+  int exposures = 10;
+  std::string png = "varkel-demo.png";
+  std::string log = "varkel-demo.log";
+};
+
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char* fmt, ...)
 {
-  const varkel_detector_model_t models[] = {kinlet, varkelLite, varkelTrio, varkelQuad};
-  int status = 0;
-  for (varkel_detector_model_t model : models) {
-    varkel_t* v = varkel_new(model);
-    if (v == nullptr || v->sample_frame == nullptr) {
-      std::fprintf(stderr, "cannot create a handle for model %d\n", model);
-      status = 1;
-      continue;
+  char buf[512];
+  va_list args;
+  va_start(args, fmt);
+  std::vsnprintf(buf, sizeof buf, fmt, args);
+  va_end(args);
+  return buf;
+}
+
+double ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
+
+// ---- command line ------------------------------------------------------------
+
+int usage()
+{
+  std::fprintf(stderr,
+               "usage: varkel-demo [--model kinlet|lite|trio|quad] [--exposure S] [--period S] [--exposures N]\n"
+               "                   [--png FILE] [--log FILE]\n"
+               "                   [--latency-us N] [--missing-chip MODULE:CHIP]...   (simulator in this process)\n"
+               "                   [--module HOST:PORT]... --data-server HOST:PORT    (a detector elsewhere)\n");
+  return 2;
+}
+
+std::optional<Endpoint> parse_endpoint(const std::string& text)
+{
+  const std::size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0)
+    return std::nullopt;
+  char* end = nullptr;
+  const unsigned long port = std::strtoul(text.c_str() + colon + 1, &end, 10);
+  if (*end != '\0' || port == 0 || port > 65535)
+    return std::nullopt;
+  return Endpoint{text.substr(0, colon), static_cast<uint16_t>(port)};
+}
+
+bool parse_args(int argc, char** argv, Settings& s)
+{
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (i + 1 >= argc)
+      return false;
+    const std::string value = argv[++i];
+    char* end = nullptr;
+    if (arg == "--model") {
+      const auto model = varkel::sim::parse_model(value);
+      if (!model)
+        return false;
+      s.model = *model;
+    } else if (arg == "--module") {
+      const auto e = parse_endpoint(value);
+      if (!e)
+        return false;
+      s.modules.push_back(*e);
+    } else if (arg == "--data-server") {
+      if (!(s.data_server = parse_endpoint(value)))
+        return false;
+    } else if (arg == "--latency-us") {
+      s.latency_us = static_cast<unsigned>(std::strtoul(value.c_str(), &end, 10));
+    } else if (arg == "--missing-chip") {
+      int module = 0, chip = 0, used = 0;
+      if (std::sscanf(value.c_str(), "%d:%d%n", &module, &chip, &used) != 2 || value[used] != '\0')
+        return false;
+      s.missing.push_back({module, chip});
+    } else if (arg == "--exposure") {
+      s.exposure = std::strtof(value.c_str(), &end);
+    } else if (arg == "--period") {
+      s.period = std::strtof(value.c_str(), &end);
+    } else if (arg == "--exposures") {
+      s.exposures = static_cast<int>(std::strtol(value.c_str(), &end, 10));
+    } else if (arg == "--png") {
+      s.png = value;
+    } else if (arg == "--log") {
+      s.log = value;
+    } else {
+      return false;
     }
-    std::printf("  modules %u, boards per module %u, chips per board %u, chips per module %u, "
-                "frame %u pixels (%u x 256 x 256)\n\n",
-                v->max_num_modules, v->max_num_boards, v->max_num_chips, v->num_all_chips, v->frame_size,
-                v->frame_size / 65536);
-    varkel_delete(v);
+    if (end != nullptr && *end != '\0')
+      return false;
   }
-  return status;
+  return s.exposure > 0 && s.period >= 0 && s.exposures > 0;
+}
+
+// ---- output --------------------------------------------------------------------
+
+// The library prints every request and reply on standard output. The demo keeps
+// its own copy of the terminal and sends standard output and error to the log.
+struct Console {
+  FILE* out = stdout;
+  bool tty = false;
+
+  bool redirect_library_output(const std::string& log)
+  {
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+      return false;
+    std::fflush(stdout);
+    std::fflush(stderr);
+    out = fdopen(dup(STDOUT_FILENO), "w");
+    tty = isatty(STDOUT_FILENO);
+    dup2(fd, STDOUT_FILENO);
+    dup2(fd, STDERR_FILENO);
+    close(fd);
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    return out != nullptr;
+  }
+};
+
+Console console;
+
+void say(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+void say(const char* fmt, ...)
+{
+  va_list args;
+  va_start(args, fmt);
+  std::vfprintf(console.out, fmt, args);
+  va_end(args);
+  std::fflush(console.out);
+}
+
+// ---- the picture ---------------------------------------------------------------
+
+// varkel-sim's frame order: module by module, boards 0..2, chips 0..11, each chip
+// 256 rows of 256 pixels. The chips are put in their places on the detector face
+// with the library's placement table and shrunk 4 x 4.
+constexpr int kBin = 4;
+constexpr int kCell = 256 / kBin;
+constexpr int kChipGap = 1;    // the simulator's 4-pixel gaps, shrunk
+constexpr int kModuleGap = 10; // and its 40-pixel gaps between modules
+
+int cell_origin(int cell) { return cell * (kCell + kChipGap) + (cell >= 6 ? kModuleGap - kChipGap : 0); }
+
+struct Picture {
+  int width = 0, height = 0;
+  std::vector<uint8_t> gray;
+};
+
+std::optional<Picture> assemble(const varkel_t* v)
+{
+  const int rows = v->detModel == varkelQuad ? 12 : 6;
+  if (v->detModel != varkelQuad && v->detModel != varkelTrio)
+    return std::nullopt;
+  Picture p;
+  p.width = p.height = cell_origin(rows - 1) + kCell;
+  std::vector<float> binned(static_cast<std::size_t>(p.width) * p.height, -1.0f); // -1: no sensor
+  for (int r = 0; r < rows; ++r) {
+    for (int c = 0; c < rows; ++c) {
+      const sensor& s = decoderQuad[r * 12 + c];
+      const std::size_t chip = (static_cast<std::size_t>(s.module) * v->max_num_boards + s.mfb) * 12 + s.chipId;
+      const int32_t* px = v->sample_frame + chip * 65536;
+      for (int y = 0; y < kCell; ++y)
+        for (int x = 0; x < kCell; ++x) {
+          float total = 0;
+          for (int dy = 0; dy < kBin; ++dy)
+            for (int dx = 0; dx < kBin; ++dx)
+              total += static_cast<float>(px[(y * kBin + dy) * 256 + x * kBin + dx]);
+          binned[static_cast<std::size_t>(cell_origin(r) + y) * p.width + cell_origin(c) + x] = total / (kBin * kBin);
+        }
+    }
+  }
+  // Square-root scale up to the 99.5th percentile, so that faint rings show.
+  std::vector<float> values;
+  for (float b : binned)
+    if (b >= 0)
+      values.push_back(b);
+  const std::size_t at = values.size() * 995 / 1000;
+  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(at), values.end());
+  const float top = std::max(values.empty() ? 1.0f : values[at], 1.0f);
+  p.gray.resize(binned.size());
+  for (std::size_t i = 0; i < binned.size(); ++i)
+    p.gray[i] = binned[i] < 0 ? 0 : static_cast<uint8_t>(255.0f * std::sqrt(std::min(binned[i] / top, 1.0f)));
+  return p;
+}
+
+bool write_png(const std::string& path, const Picture& p)
+{
+  FILE* f = std::fopen(path.c_str(), "wb");
+  if (f == nullptr)
+    return false;
+  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+  png_infop info = png ? png_create_info_struct(png) : nullptr;
+  bool ok = png != nullptr && info != nullptr;
+  if (ok && setjmp(png_jmpbuf(png)) == 0) {
+    png_init_io(png, f);
+    png_set_IHDR(png, info, static_cast<png_uint_32>(p.width), static_cast<png_uint_32>(p.height), 8,
+                 PNG_COLOR_TYPE_GRAY, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    png_write_info(png, info);
+    for (int y = 0; y < p.height; ++y)
+      png_write_row(png, p.gray.data() + static_cast<std::size_t>(y) * p.width);
+    png_write_end(png, nullptr);
+  } else {
+    ok = false;
+  }
+  png_destroy_write_struct(&png, &info);
+  return std::fclose(f) == 0 && ok;
+}
+
+// ---- the steps -----------------------------------------------------------------
+
+struct Outcome {
+  bool ok;
+  std::string detail;
+};
+
+Outcome from_code(int rc, std::string detail)
+{
+  if (rc == 0)
+    return {true, std::move(detail)};
+  return {false, format("code %d: %s", rc, varkel_error_string(rc))};
+}
+
+class Demo {
+public:
+  Demo(const Settings& s, varkel_t* v) : s_(s), v_(v) {}
+
+  // Runs one step, prints its line; false when it failed.
+  bool step(const char* name, const std::function<Outcome()>& body)
+  {
+    const auto t0 = Clock::now();
+    const Outcome o = body();
+    const double took = ms(Clock::now() - t0);
+    say("%s  %-24s %9.1f ms  %-4s %s\n", console.tty ? "\r\033[K" : "", name, took, o.ok ? "ok" : "FAIL",
+        o.detail.c_str());
+    ++steps_;
+    return o.ok;
+  }
+
+  Outcome connect_data_server(const Endpoint& e)
+  {
+    const int rc = varkel_connect_backend(v_, e.host.c_str(), e.port);
+    return from_code(rc, format("RDMA parameters for %d module(s), buffer of %u frames", v_->max_num_modules,
+                                v_->init_args.bufferSize));
+  }
+
+  // The bring-up of varkel_connect done one module after another on a second
+  // handle: the yardstick for the parallel connection.
+  Outcome connect_one_by_one(const std::vector<Endpoint>& modules)
+  {
+    varkel_t* scratch = varkel_new(s_.model);
+    scratch->init_args = v_->init_args;
+    const auto t0 = Clock::now();
+    int rc = 0;
+    for (int m = 0; m < scratch->max_num_modules; ++m)
+      rc |= varkel_init(scratch, m, modules[m].host.c_str(), modules[m].port);
+    sequential_ms_ = ms(Clock::now() - t0);
+    varkel_delete(scratch);
+    return from_code(rc,
+                     format("%d modules one after another on a second handle, for comparison", v_->max_num_modules));
+  }
+
+  Outcome connect_modules(const std::vector<Endpoint>& modules)
+  {
+    std::vector<const char*> hosts;
+    std::vector<uint16_t> ports;
+    for (const auto& e : modules) {
+      hosts.push_back(e.host.c_str());
+      ports.push_back(e.port);
+    }
+    const auto t0 = Clock::now();
+    const int rc = varkel_connect(v_, hosts.data(), ports.data());
+    const double parallel = ms(Clock::now() - t0);
+    std::string ratio;
+    if (sequential_ms_ > 0)
+      ratio = format(": %.2f of the time one after another", parallel / sequential_ms_);
+    return from_code(rc, format("%d module(s) side by side%s", v_->max_num_modules, ratio.c_str()));
+  }
+
+  Outcome trigger_arrangement()
+  {
+    const int rc = define_master_module(v_, 1, false, VARKEL_TRIGGER_MODE_EXTERNAL_POS_EDGE);
+    if (v_->max_num_modules == 1)
+      return from_code(rc, "module 1 runs on its own clock");
+    return from_code(rc, format("module 1 leads with its shutter output, modules 2-%d start on its rising edge",
+                                v_->max_num_modules));
+  }
+
+  Outcome prepare()
+  {
+    if (has_frame()) {
+      const int rc = prepare_varkel(v_);
+      return from_code(rc, "acquisition arguments acknowledged, frame buffer mapped");
+    }
+    const int rc = prepare_backend(v_);
+    return from_code(rc, "acquisition arguments acknowledged (this model publishes no frame)");
+  }
+
+  Outcome acquire()
+  {
+    if (int rc = US_NumExposuresCounter_RBV(v_); rc != 0)
+      return from_code(rc, "");
+    const uint32_t before = v_->acquireParam.numExposuresTotal;
+    if (int rc = execute_acquire(v_); rc != 0)
+      return from_code(rc, "");
+    const auto t0 = Clock::now();
+    const double expected = static_cast<double>(s_.exposures) * std::max(s_.exposure, s_.period);
+    const auto deadline = t0 + std::chrono::duration<double>(expected * 2 + 10);
+    int polls = 0;
+    auto shown = t0 - 1s;
+    while (status_acquire(v_) != DONE_ACQ) {
+      ++polls;
+      const auto now = Clock::now();
+      if (now > deadline)
+        return {false, format("still acquiring after %.1f s", ms(now - t0) / 1000)};
+      if (console.tty && now - shown > 50ms) {
+        show_progress(std::chrono::duration<double>(now - t0).count() / expected);
+        shown = now;
+      }
+      std::this_thread::sleep_for(5ms);
+    }
+    if (int rc = US_NumExposuresCounter_RBV(v_); rc != 0)
+      return from_code(rc, "");
+    const uint32_t taken = v_->acquireParam.numExposuresTotal - before;
+    return {taken == static_cast<uint32_t>(s_.exposures),
+            format("%u exposure(s) on module 1 by its counter, %d status polls", taken, polls)};
+  }
+
+  Outcome data_server_status()
+  {
+    const int rc = get_acqStatus_fromBackend(v_);
+    if (rc != 0)
+      return from_code(rc, "");
+    const acqStatusArgs& st = v_->acq_status_return;
+    std::string frames, runs;
+    bool all = st.done == 1;
+    for (int m = 0; m < v_->max_num_modules; ++m) {
+      frames += format(" %llu", static_cast<unsigned long long>(st.noOfFrames[m]));
+      runs += format(" %llu", static_cast<unsigned long long>(st.noOfAquisitions[m]));
+      all = all && st.noOfFrames[m] == static_cast<uint64_t>(s_.exposures);
+      frames_counted_ += st.noOfFrames[m];
+    }
+    return {all, format("frames per module%s, acquisitions%s, %s", frames.c_str(), runs.c_str(),
+                        st.done ? "done" : "not done")};
+  }
+
+  Outcome sample_frame()
+  {
+    get_array_data(v_);
+    const std::size_t n = v_->frame_size;
+    int64_t total = 0;
+    int32_t top = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+      total += v_->sample_frame[i];
+      top = std::max(top, v_->sample_frame[i]);
+    }
+    const auto picture = assemble(v_);
+    if (!picture || total == 0)
+      return {false, "the frame is empty"};
+    if (!write_png(s_.png, *picture))
+      return {false, "cannot write " + s_.png};
+    return {true, format("%zu pixels, mean %.1f, max %d -> %s (%d x %d)", n, static_cast<double>(total) / n, top,
+                         s_.png.c_str(), picture->width, picture->height)};
+  }
+
+  bool has_frame() const { return v_->detModel == varkelTrio || v_->detModel == varkelQuad; }
+  int steps() const { return steps_; }
+  uint64_t frames_counted() const { return frames_counted_; }
+
+private:
+  void show_progress(double fraction)
+  {
+    fraction = std::clamp(fraction, 0.0, 1.0);
+    const int filled = static_cast<int>(fraction * 30);
+    say("\r\033[K  %-24s [%s%s] %3.0f%%", "acquisition", std::string(filled, '#').c_str(),
+        std::string(30 - filled, '.').c_str(), fraction * 100);
+  }
+
+  const Settings& s_;
+  varkel_t* v_;
+  double sequential_ms_ = 0;
+  int steps_ = 0;
+  uint64_t frames_counted_ = 0;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+  Settings s;
+  if (!parse_args(argc, argv, s))
+    return usage();
+  const bool external = !s.modules.empty() || s.data_server;
+  if (external && (!s.data_server || s.modules.empty())) {
+    std::fprintf(stderr, "varkel-demo: give both --module (one per module) and --data-server\n");
+    return 2;
+  }
+
+  std::unique_ptr<varkel::sim::Simulator> sim;
+  if (!external) {
+    varkel::sim::Options o;
+    o.model = s.model;
+    o.latency = std::chrono::microseconds(s.latency_us);
+    o.missing = s.missing;
+    try {
+      sim = std::make_unique<varkel::sim::Simulator>(o);
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "varkel-demo: cannot start the simulator: %s\n", e.what());
+      return 1;
+    }
+    for (int m = 1; m <= sim->modules(); ++m)
+      s.modules.push_back({"127.0.0.1", sim->module_port(m)});
+    s.data_server = Endpoint{"127.0.0.1", sim->data_port()};
+  }
+  const varkel::sim::Geometry g = varkel::sim::geometry_of(s.model);
+  if (static_cast<int>(s.modules.size()) != g.modules) {
+    std::fprintf(stderr, "varkel-demo: a %s has %d module(s), %zu address(es) given\n",
+                 varkel::sim::model_name(s.model), g.modules, s.modules.size());
+    return 2;
+  }
+  if (!console.redirect_library_output(s.log)) {
+    std::fprintf(stderr, "varkel-demo: cannot write %s\n", s.log.c_str());
+    return 1;
+  }
+
+  say("varkel-demo: %s (%d module(s) x %d board(s) x %d chip(s)), %s\n", varkel::sim::model_name(s.model), g.modules,
+      g.boards, g.chips,
+      sim ? format("simulator in this process, %u us per controller reply", s.latency_us).c_str()
+          : "detector given on the command line");
+  say("  data server %s:%u, module 1 at %s:%u\n", s.data_server->host.c_str(), s.data_server->port,
+      s.modules[0].host.c_str(), s.modules[0].port);
+  say("  %d exposure(s) of %.6f s every %.6f s\n\n", s.exposures, static_cast<double>(s.exposure),
+      static_cast<double>(s.period));
+
+  varkel_t* v = varkel_new(s.model);
+  if (v == nullptr || v->sample_frame == nullptr) {
+    say("cannot create a handle\n");
+    return 1;
+  }
+  v->simulate = 1; // the simulator publishes its frame under the "_sim" names
+
+  Demo demo(s, v);
+  const auto start = Clock::now();
+  const bool ok =
+      demo.step("data-server connection", [&] { return demo.connect_data_server(*s.data_server); }) &&
+      (v->max_num_modules == 1 ||
+       demo.step("modules one by one", [&] { return demo.connect_one_by_one(s.modules); })) &&
+      demo.step("module connection", [&] { return demo.connect_modules(s.modules); }) &&
+      demo.step("acquisition time",
+                [&] {
+                  const int rc = set_acquireTime(v, s.exposure);
+                  return from_code(rc, format("%.6f s on every module", double{v->acquireParam.acquireTime}));
+                }) &&
+      demo.step("acquisition period",
+                [&] {
+                  const int rc = set_periodTime(v, s.period);
+                  return from_code(rc, format("%.6f s on every module", double{v->acquireParam.acquirePeriod}));
+                }) &&
+      demo.step("exposures",
+                [&] {
+                  const int rc = set_numberExposures(v, s.exposures);
+                  return from_code(rc, format("%u on every module", v->acquireParam.numExposures));
+                }) &&
+      demo.step("trigger mode", [&] { return demo.trigger_arrangement(); }) &&
+      demo.step("preparation", [&] { return demo.prepare(); }) &&
+      demo.step("acquisition", [&] { return demo.acquire(); }) &&
+      demo.step("data-server status", [&] { return demo.data_server_status(); }) &&
+      (!demo.has_frame() || demo.step("sample frame", [&] { return demo.sample_frame(); }));
+  const double total = ms(Clock::now() - start) / 1000;
+  varkel_delete(v);
+
+  if (ok)
+    say("\nall %d steps succeeded in %.2f s, %llu frames counted by the data server; the library's own output "
+        "is in %s\n",
+        demo.steps(), total, static_cast<unsigned long long>(demo.frames_counted()), s.log.c_str());
+  else
+    say("\nstopped after a failed step; the library's own output is in %s\n", s.log.c_str());
+  return ok ? 0 : 1;
 }
