@@ -1,9 +1,12 @@
 #include "simulator.hpp"
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <pthread.h>
+#include <stdexcept>
 #include <utility>
 
 #include "controller.hpp"
@@ -38,11 +41,23 @@ private:
   sigset_t saved_;
 };
 
+// Runs `start`, turning a failure to listen into a message that names the address.
+template <typename Start> void listening(const std::string& host, uint16_t port, Start&& start)
+{
+  try {
+    start();
+  } catch (const std::runtime_error& e) {
+    const int err = errno;
+    throw std::runtime_error("cannot listen on " + host + ":" + std::to_string(port) + ": " + e.what() + ": " +
+                             std::strerror(err));
+  }
+}
+
 } // namespace
 
 Simulator::Simulator(Options options) : options_(std::move(options))
 {
-  world_ = std::make_unique<World>(options_.model, options_.missing, options_.publish_frame);
+  world_ = std::make_unique<World>(options_.model, options_.missing);
   servers_ = std::make_unique<Servers>();
   const int n = world_->geo.modules;
   servers_->commands = std::make_unique<std::atomic<uint64_t>[]>(static_cast<std::size_t>(n));
@@ -60,10 +75,18 @@ Simulator::Simulator(Options options) : options_(std::move(options))
       servers_->commands[m].fetch_add(1);
       return run_command(*world_, m, call);
     };
-    servers_->modules.push_back(
-        std::make_unique<JsonRpcServer>(handler, options_.latency, options_.host.c_str(), port, log));
+    listening(options_.host, port, [&] {
+      servers_->modules.push_back(
+          std::make_unique<JsonRpcServer>(handler, options_.latency, options_.host.c_str(), port, log));
+    });
   }
-  servers_->data = std::make_unique<DataServer>(*world_, options_.host.c_str(), options_.data_port);
+  listening(options_.host, options_.data_port,
+            [&] { servers_->data = std::make_unique<DataServer>(*world_, options_.host.c_str(), options_.data_port); });
+  // Only once every port is taken: a simulator that cannot start leaves another's segment alone.
+  if (options_.publish_frame) {
+    std::lock_guard lock(world_->mutex);
+    world_->publish_frames();
+  }
 }
 
 Simulator::~Simulator()

@@ -96,7 +96,7 @@ void Module::reset()
   armed = false;
 }
 
-World::World(varkel_detector_model_t model_, const std::vector<MissingChip>& missing, bool publish_frame)
+World::World(varkel_detector_model_t model_, const std::vector<MissingChip>& missing)
     : model(model_), geo(geometry_of(model_)), modules(static_cast<std::size_t>(geo.modules)), link(make_link(geo))
 {
   if (geo.modules == 0)
@@ -115,7 +115,11 @@ World::World(varkel_detector_model_t model_, const std::vector<MissingChip>& mis
     const ChipPosition p = chip_position(x.chip_number);
     modules[x.module - 1].chips[p.board][p.chip].efuse = 0;
   }
-  if (publish_frame && !segment_name(model).empty())
+}
+
+void World::publish_frames()
+{
+  if (!segment_name(model).empty())
     segment = std::make_unique<SharedSegment>(segment_name(model));
 }
 

@@ -81,16 +81,19 @@ struct MissingChip {
 
 class World {
 public:
-  World(varkel_detector_model_t model, const std::vector<MissingChip>& missing, bool publish_frame);
+  World(varkel_detector_model_t model, const std::vector<MissingChip>& missing);
 
   std::mutex mutex;
   const varkel_detector_model_t model;
   const Geometry geo;
   std::vector<Module> modules;
-  initArgs link{}; // the RDMA parameters the data server sends on connect
-  std::unique_ptr<SharedSegment> segment;
+  initArgs link{};                        // the RDMA parameters the data server sends on connect
+  std::unique_ptr<SharedSegment> segment; // none until publish_frames()
 
   // The rest expects `mutex` to be held.
+
+  // Creates the model's shared-memory segment, if it has one; frames go there from now on.
+  void publish_frames();
 
   // Starts module `m` (index). A module whose trigger output drives the shutter
   // line starts every module waiting on an external trigger with it.
