@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
+#include <utility>
 
 #include "internal/protocol.hpp"
 #include "internal/selection.hpp"
@@ -53,6 +55,34 @@ int query_expect(varkel_t* v, varkel_thread_t owner, const char* expected, int m
   return std::strcmp(reply, expected) == 0 ? 0 : mismatch;
 }
 
+// Send; on success store `value` in `field` (the requested value, not the reply).
+// Returns the query code.
+template <typename Field, typename... Args>
+int query_store(varkel_t* v, Field& field, Field value, const char* cmd, Args... args)
+{
+  const int rc = query_status(v, VARKEL_THREAD_MAIN, cmd, args...);
+  if (rc == 0)
+    field = value;
+  return rc;
+}
+
+// Send, compare the whole result text with each known text and store the value
+// paired with the one that matches; any other text leaves `field` alone.
+// Returns the query code.
+template <typename T, typename... Args>
+int query_match(varkel_t* v, std::initializer_list<std::pair<const char*, T>> texts, T& field, const char* cmd,
+                Args... args)
+{
+  char reply[kReplySize];
+  if (int rc = query_and_cache(v, reply, cmd, args...); rc != 0)
+    return rc;
+  for (const auto& [text, value] : texts) {
+    if (std::strcmp(reply, text) == 0)
+      field = value;
+  }
+  return 0;
+}
+
 // One worker per module, each on its own channel; returns the OR of the step
 // results. The team has one thread per module: the workers wait on sockets, so
 // they must not queue behind the number of cores.
@@ -71,15 +101,21 @@ int for_each_module_parallel(varkel_t* v, Step&& step)
   return result.load();
 }
 
+// Whether a fan-out counts the result of each module selection in its own.
+enum class Selection { counted, ignored };
+
 // For each module 1..max_num_modules in turn, on the caller's thread: point the
 // main channel at it (select_module), then run step(module number). Leaves the
-// main channel on the last module. Returns the OR of all selection and step results.
+// main channel on the last module. Returns the OR of the step results and, unless
+// ignored, of the selection results.
 template <typename Step>
-int for_each_module_selected(varkel_t* v, Step&& step)
+int for_each_module_selected(varkel_t* v, Step&& step, Selection selection = Selection::counted)
 {
   int result = 0;
   for (int m = 1; m <= v->max_num_modules; ++m) {
-    result |= select_module(v, m);
+    const int selected = select_module(v, m);
+    if (selection == Selection::counted)
+      result |= selected;
     result |= step(m);
   }
   return result;

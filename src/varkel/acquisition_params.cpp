@@ -1,0 +1,198 @@
+// Acquisition parameters: exposure time, period, exposures, trigger mode, read
+// counter, image mode, discard flag. Single commands go over the main channel;
+// the composite setters apply a value to every module.
+#include <cassert>
+#include <cmath>
+
+#include "internal/query.hpp"
+#include "varkel.h"
+
+using namespace varkel::detail;
+
+namespace {
+
+constexpr varkel_thread_t kMain = VARKEL_THREAD_MAIN;
+
+// Microseconds do not fit 32 bits from these values on: such times are refused.
+constexpr double kMaxAcquireTimeS = 4294.967296;
+constexpr double kMaxPeriodS = 2147.483648;
+
+bool valid_acquire_time(float s) { return std::isfinite(s) && s >= 0.0f && s < kMaxAcquireTimeS; }
+bool valid_period(float s) { return std::isfinite(s) && s >= 0.0f && s < kMaxPeriodS; }
+
+// Seconds to whole microseconds: widened to double and truncated, so 0.7 s held
+// as a float becomes 699999 us.
+int64_t to_microseconds(float s) { return static_cast<int64_t>(static_cast<double>(s) * 1000000.0); }
+
+} // namespace
+
+int US_AcquireTime(varkel_t* varkel, float acquire_time_s)
+{
+  assert(varkel != NULL);
+  if (!valid_acquire_time(acquire_time_s))
+    return -3;
+  const auto us = static_cast<uint32_t>(to_microseconds(acquire_time_s));
+  return query_scan<float>(varkel, kMain, "AcquireTime set with %f seconds",
+                           [&](float s) { varkel->acquireParam.acquireTime = s; }, CMD_ACQUIRE_TIME, 1u, us);
+}
+
+int US_AcquireTime_RBV(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  return query_scan<float>(varkel, kMain, "%f", [&](float s) { varkel->acquireParam.acquireTime = s; },
+                           CMD_ACQUIRE_TIME, 0u, 0u);
+}
+
+int US_AcquirePeriod(varkel_t* varkel, float acq_period_time_s)
+{
+  assert(varkel != NULL);
+  if (!valid_period(acq_period_time_s))
+    return -3;
+  const auto us = static_cast<int32_t>(to_microseconds(acq_period_time_s));
+  return query_scan<float>(varkel, kMain, "AcquirePeriod set to %f second(s)",
+                           [&](float s) { varkel->acquireParam.acquirePeriod = s; }, CMD_ACQUIRE_PERIOD, 1u,
+                           static_cast<unsigned>(us));
+}
+
+int US_AcquirePeriod_RBV(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  return query_scan<unsigned>(
+      varkel, kMain, "%u",
+      [&](unsigned us) { varkel->acquireParam.acquirePeriod = static_cast<float>(us / 1000000.0); },
+      CMD_ACQUIRE_PERIOD, 0u, 0u);
+}
+
+int US_NumExposures(varkel_t* varkel, int num_exposures)
+{
+  assert(varkel != NULL);
+  if (num_exposures < 1)
+    return -3;
+  return query_scan<int>(varkel, kMain, "Number of Exposures set to %d",
+                         [&](int n) { varkel->acquireParam.numExposures = static_cast<uint32_t>(n); },
+                         CMD_NUM_EXPOSURES, 1u, static_cast<unsigned>(num_exposures));
+}
+
+int US_NumExposures_RBV(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  return query_scan<int>(varkel, kMain, "%d",
+                         [&](int n) { varkel->acquireParam.numExposures = static_cast<uint32_t>(n); },
+                         CMD_NUM_EXPOSURES, 0u, 255u);
+}
+
+int US_NumExposuresCounter_RBV(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  auto& p = varkel->acquireParam;
+  const int rc = query_scan<int>(varkel, kMain, "%d", [&](int n) { p.numExposuresTotal = static_cast<uint32_t>(n); },
+                                 CMD_NUM_EXPOSURES_COUNT);
+  if (rc == 0 && initial_exposure_counter > 0)
+    p.numExposuresCounter = p.numExposuresTotal - static_cast<uint32_t>(initial_exposure_counter);
+  return rc;
+}
+
+int US_TriggerMode(varkel_t* varkel, varkel_trigger_mode_t trigger_mode)
+{
+  assert(varkel != NULL);
+  if (!validate_trigger_mode(trigger_mode))
+    return -3;
+  return query_store(varkel, varkel->varkelParam.trigger_mode, trigger_mode, CMD_TRIGGER_MODE, 1u,
+                     static_cast<unsigned>(trigger_mode));
+}
+
+int US_TriggerMode_RBV(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  return query_status(varkel, kMain, CMD_TRIGGER_MODE, 0u, 0u);
+}
+
+int US_ReadCounter(varkel_t* varkel, varkel_read_counter_t read_counter)
+{
+  assert(varkel != NULL);
+  if (!validate_read_counter(read_counter))
+    return -3;
+  return query_match(varkel,
+                     {{"ReadCounter set for Counter Low", VARKEL_COUNTER_LOW},
+                      {"ReadCounter set for Counter High", VARKEL_COUNTER_HIGH}},
+                     varkel->varkelParam.read_counter, CMD_READ_COUNTER, 1u, static_cast<unsigned>(read_counter));
+}
+
+int US_ReadCounter_RBV(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  return query_match(varkel, {{"Counter Low", VARKEL_COUNTER_LOW}, {"Counter High", VARKEL_COUNTER_HIGH}},
+                     varkel->varkelParam.read_counter, CMD_READ_COUNTER, 0u, 0u);
+}
+
+int US_ImageMode_RBV(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  return query_scan<int>(varkel, kMain, "%d",
+                         [&](int m) { varkel->varkelParam.image_mode = static_cast<varkel_image_mode_t>(m); },
+                         CMD_IMAGE_MODE, 0u, 0u);
+}
+
+int US_ImageMode(varkel_t* varkel, uint8_t image_mode)
+{
+  assert(varkel != NULL);
+  if (!validate_image_mode(image_mode))
+    return -3;
+  const int rc = query_scan<int>(varkel, kMain, "%d",
+                                 [&](int m) { varkel->varkelParam.image_mode = static_cast<varkel_image_mode_t>(m); },
+                                 CMD_IMAGE_MODE, 1u, static_cast<unsigned>(image_mode));
+  return rc | US_ImageMode_RBV(varkel);
+}
+
+namespace {
+
+int discard_data_query(varkel_t* varkel, unsigned action, unsigned value)
+{
+  assert(varkel != NULL);
+  return query_scan<int>(varkel, kMain, "%d", [&](int d) { varkel->varkelParam.discard_data = d != 0; },
+                         CMD_DISCARDDATA, action, value);
+}
+
+} // namespace
+
+int US_DiscardData(varkel_t* varkel, bool discard_data) { return discard_data_query(varkel, 1u, discard_data ? 1u : 0u); }
+int US_DiscardData_RBV(varkel_t* varkel) { return discard_data_query(varkel, 0u, 0u); }
+
+// The composite setters. A period of 0 lifts the time rule; with a non-zero
+// period the exposure time may be at most period - 0.7 ms, in single precision.
+
+int set_acquireTime(varkel_t* varkel, float acquire_time_s)
+{
+  assert(varkel != NULL);
+  if (!valid_acquire_time(acquire_time_s))
+    return -3;
+  const int rc = US_AcquirePeriod_RBV(varkel);
+  const float period = varkel->acquireParam.acquirePeriod;
+  if (period != 0.0f && acquire_time_s > period - IMAGE_READOUT)
+    return -3;
+  return rc | for_each_module_selected(varkel, [&](int) { return US_AcquireTime(varkel, acquire_time_s); },
+                                       Selection::ignored);
+}
+
+int set_periodTime(varkel_t* varkel, float period_time_s)
+{
+  assert(varkel != NULL);
+  if (!valid_period(period_time_s))
+    return -3;
+  const int rc = US_AcquireTime_RBV(varkel);
+  if (period_time_s != 0.0f && varkel->acquireParam.acquireTime + IMAGE_READOUT > period_time_s)
+    return -3;
+  return rc | for_each_module_selected(varkel, [&](int) { return US_AcquirePeriod(varkel, period_time_s); },
+                                       Selection::ignored);
+}
+
+int set_numberExposures(varkel_t* varkel, int num_exposures)
+{
+  assert(varkel != NULL);
+  if (num_exposures < 1)
+    return -3;
+  // The shutter and acquisition trigger outputs are driven by module 1 alone.
+  if (varkel->varkelParam.trigger_out > VARKEL_TRIGGER_OUT_EXTERNAL)
+    return select_module(varkel, 1) | US_NumExposures(varkel, num_exposures);
+  return for_each_module_selected(varkel, [&](int) { return US_NumExposures(varkel, num_exposures); });
+}

@@ -1,0 +1,340 @@
+// Acquisition parameters, run, timing and stop against fake controllers.
+#include <chrono>
+#include <cmath>
+#include <functional>
+#include <map>
+#include <sys/time.h>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fake_detector.hpp"
+#include "varkel.h"
+
+using namespace std::chrono_literals;
+using varkel::testing::FakeDetector;
+using varkel::testing::Reply;
+using varkel::testing::Request;
+
+namespace {
+
+// Every module answers from one script keyed by command text; the order of all
+// commands over all modules is recorded as "module:command".
+class Acquisition : public ::testing::Test {
+protected:
+  void SetUp() override
+  {
+    det = std::make_unique<FakeDetector>(varkelQuad);
+    v = det->handle();
+    for (int m = 1; m <= 4; ++m)
+      det->module(m).set_handler([this, m](const Request& r) {
+        std::lock_guard lock(mutex);
+        log.push_back(std::to_string(m) + ":" + r.command());
+        if (failing_module == m)
+          return Reply::reset();
+        const auto it = replies.find(r.command());
+        return Reply::result(it != replies.end() ? it->second : "OK");
+      });
+    start_polling = 0;
+    initial_exposure_counter = 0;
+  }
+  std::vector<std::string> sent()
+  {
+    std::lock_guard lock(mutex);
+    return log;
+  }
+
+  std::unique_ptr<FakeDetector> det;
+  varkel_t* v = nullptr;
+  std::mutex mutex;
+  std::vector<std::string> log;
+  std::map<std::string, std::string> replies;
+  int failing_module = 0;
+};
+
+struct WireCase {
+  const char* name;
+  std::function<int(varkel_t*)> call;
+  const char* command;
+  const char* reply;
+  std::function<bool(const varkel_t*)> cached;
+};
+
+TEST_F(Acquisition, EachOperationSendsItsTextAndCachesItsReply)
+{
+  const std::vector<WireCase> cases = {
+      {"exposure 0.5 s", [](varkel_t* v) { return US_AcquireTime(v, 0.5f); }, "HS_AcquireTime_Command 1 500000",
+       "AcquireTime set with 0.500000 seconds", [](const varkel_t* v) { return v->acquireParam.acquireTime == 0.5f; }},
+      {"exposure 0.7 s truncates", [](varkel_t* v) { return US_AcquireTime(v, 0.7f); },
+       "HS_AcquireTime_Command 1 699999", "AcquireTime set with 0.699999 seconds and more",
+       [](const varkel_t* v) { return std::fabs(v->acquireParam.acquireTime - 0.699999f) < 1e-7f; }},
+      {"exposure 0.1 s", [](varkel_t* v) { return US_AcquireTime(v, 0.1f); }, "HS_AcquireTime_Command 1 100000", "x",
+       [](const varkel_t* v) { return v->acquireParam.acquireTime == 0.0f; }},
+      {"exposure read-back", US_AcquireTime_RBV, "HS_AcquireTime_Command 0 0", "0.250000",
+       [](const varkel_t* v) { return v->acquireParam.acquireTime == 0.25f; }},
+      {"period 0.02 s truncates", [](varkel_t* v) { return US_AcquirePeriod(v, 0.02f); },
+       "HS_AcquirePeriod_Command 1 19999",
+       "AcquirePeriod set to 0.020000 second(s)",
+       [](const varkel_t* v) { return v->acquireParam.acquirePeriod == 0.02f; }},
+      {"period read-back in microseconds", US_AcquirePeriod_RBV, "HS_AcquirePeriod_Command 0 0", "1500000",
+       [](const varkel_t* v) { return v->acquireParam.acquirePeriod == 1.5f; }},
+      {"exposures", [](varkel_t* v) { return US_NumExposures(v, 12); }, "HS_NumExposures_Command 1 12",
+       "Number of Exposures set to 12", [](const varkel_t* v) { return v->acquireParam.numExposures == 12u; }},
+      {"exposures read-back sends 255", US_NumExposures_RBV, "HS_NumExposures_Command 0 255", "7",
+       [](const varkel_t* v) { return v->acquireParam.numExposures == 7u; }},
+      {"exposure counter", US_NumExposuresCounter_RBV, "HS_NumExposuresCounter_RBV", "40",
+       [](const varkel_t* v) {
+         return v->acquireParam.numExposuresTotal == 40u && v->acquireParam.numExposuresCounter == 0u;
+       }},
+      {"trigger mode", [](varkel_t* v) { return US_TriggerMode(v, VARKEL_TRIGGER_MODE_EXTERNAL_NEG_EDGE); },
+       "HS_Trigger_Command 1 2", "whatever",
+       [](const varkel_t* v) { return v->varkelParam.trigger_mode == VARKEL_TRIGGER_MODE_EXTERNAL_NEG_EDGE; }},
+      {"trigger mode read-back caches nothing", US_TriggerMode_RBV, "HS_Trigger_Command 0 0", "1",
+       [](const varkel_t* v) { return v->varkelParam.trigger_mode == VARKEL_TRIGGER_MODE_INTERNAL; }},
+      {"read counter high", [](varkel_t* v) { return US_ReadCounter(v, VARKEL_COUNTER_HIGH); },
+       "HS_ReadCounter_Command 1 1", "ReadCounter set for Counter High",
+       [](const varkel_t* v) { return v->varkelParam.read_counter == VARKEL_COUNTER_HIGH; }},
+      {"read counter, other text", [](varkel_t* v) { return US_ReadCounter(v, VARKEL_COUNTER_HIGH); },
+       "HS_ReadCounter_Command 1 1", "ReadCounter set for Counter High!",
+       [](const varkel_t* v) { return v->varkelParam.read_counter == VARKEL_COUNTER_LOW; }},
+      {"read counter read-back", US_ReadCounter_RBV, "HS_ReadCounter_Command 0 0", "Counter High",
+       [](const varkel_t* v) { return v->varkelParam.read_counter == VARKEL_COUNTER_HIGH; }},
+      {"image mode read-back", US_ImageMode_RBV, "HS_ImageMode_Command 0 0", "2",
+       [](const varkel_t* v) { return v->varkelParam.image_mode == VARKEL_IMAGE_MODE_CONTINUOUS; }},
+      {"discard data", [](varkel_t* v) { return US_DiscardData(v, true); }, "HS_DiscardData_Command 1 1", "1",
+       [](const varkel_t* v) { return v->varkelParam.discard_data; }},
+      {"discard data read-back without a number", US_DiscardData_RBV, "HS_DiscardData_Command 0 0", "none",
+       [](const varkel_t* v) { return !v->varkelParam.discard_data; }},
+      {"start", [](varkel_t* v) { return US_Acquire(v, true); }, "HS_Acquire_Command 1 1", "x",
+       [](const varkel_t*) { return true; }},
+      {"acquiring flag", US_Acquire_RBV, "HS_Acquire_Command 0 0", "1",
+       [](const varkel_t* v) { return v->acquireParam.acquireState; }},
+      {"acquiring flag without a number", US_Acquire_RBV, "HS_Acquire_Command 0 0", "busy",
+       [](const varkel_t* v) { return !v->acquireParam.acquireState; }},
+      {"detector state, first word", US_DetectorState_RBV, "HS_DetectorState_Command", "Acquiring images",
+       [](const varkel_t* v) { return std::string(v->acquireParam.detectorState) == "Acquiring"; }},
+      {"time remaining", US_TimeRemaining_RBV, "HS_TimeRemaining_RBV", "1.250000 seconds left",
+       [](const varkel_t* v) { return v->acquireParam.timeRemaining == 1.25f; }},
+      {"software trigger", [](varkel_t* v) { return US_SoftawareTrigger(v, 1); }, "HS_SoftwareTrigger 1 1",
+       "triggered", [](const varkel_t* v) { return v->varkelParam.software_trigger; }},
+      {"trigger output", [](varkel_t* v) { return trigger_out(v, VARKEL_TRIGGER_OUT_ACQ_MBALL); },
+       "HS_TriggerOut_Command 1 11", "x",
+       [](const varkel_t* v) { return v->varkelParam.trigger_out == VARKEL_TRIGGER_OUT_ACQ_MBALL; }},
+      {"trigger output read-back", trigger_out_get, "HS_TriggerOut_Command 0 0", "x",
+       [](const varkel_t* v) { return v->varkelParam.trigger_out == VARKEL_TRIGGER_OUT_DISABLE; }},
+      {"trigger enable", [](varkel_t* v) { return Set_Trigger(v, 1); }, "HS_Set_Trigger 1 1", "x",
+       [](const varkel_t*) { return true; }},
+      {"trigger enable read-back", Set_Trigger_RBV, "HS_Set_Trigger 0 0", "x", [](const varkel_t*) { return true; }},
+  };
+  for (const WireCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    FakeDetector fresh(varkelQuad);
+    fresh.answer_all([&](const Request&) { return Reply::result(c.reply); });
+    EXPECT_EQ(c.call(fresh.handle()), 0);
+    EXPECT_EQ(fresh.all_commands(), std::vector<std::string>{std::string("4:") + c.command});
+    EXPECT_TRUE(c.cached(fresh.handle()));
+  }
+}
+
+TEST_F(Acquisition, ImageModeSetsThenReadsBack)
+{
+  replies = {{"HS_ImageMode_Command 1 3", "3"}, {"HS_ImageMode_Command 0 0", "1"}};
+  EXPECT_EQ(US_ImageMode(v, VARKEL_IMAGE_MODE_THRESHOLD), 0);
+  EXPECT_EQ(sent(), (std::vector<std::string>{"4:HS_ImageMode_Command 1 3", "4:HS_ImageMode_Command 0 0"}));
+  EXPECT_EQ(v->varkelParam.image_mode, VARKEL_IMAGE_MODE_MULTIPLE);
+}
+
+TEST_F(Acquisition, RefusedArgumentsSendNothing)
+{
+  const std::vector<std::pair<const char*, std::function<int()>>> refusals = {
+      {"test-pulse image mode", [&] { return US_ImageMode(v, VARKEL_IMAGE_MODE_TESTPULSE); }},
+      {"trigger mode 3", [&] { return US_TriggerMode(v, VARKEL_TRIGGER_MODE_ENUM_END); }},
+      {"read counter 2", [&] { return US_ReadCounter(v, VARKEL_READ_COUNTER_ENUM_END); }},
+      {"software trigger 2", [&] { return US_SoftawareTrigger(v, 2); }},
+      {"trigger enable -1", [&] { return Set_Trigger(v, -1); }},
+      {"trigger output 12", [&] { return trigger_out(v, VARKEL_TRIGGER_OUT_ENUM_END); }},
+      {"negative exposure", [&] { return US_AcquireTime(v, -0.1f); }},
+      {"NaN exposure", [&] { return set_acquireTime(v, NAN); }},
+      {"exposure of 2^32 us", [&] { return US_AcquireTime(v, 4294.968f); }},
+      {"infinite period", [&] { return set_periodTime(v, INFINITY); }},
+      {"period of 2^31 us", [&] { return US_AcquirePeriod(v, 2147.4839f); }},
+      {"no exposures", [&] { return set_numberExposures(v, 0); }},
+      {"negative exposures", [&] { return US_NumExposures(v, -5); }},
+  };
+  for (const auto& [name, call] : refusals)
+    EXPECT_EQ(call(), -3) << name;
+  EXPECT_EQ(define_master_module(v, 5, false, VARKEL_TRIGGER_MODE_INTERNAL), -7);
+  EXPECT_EQ(define_master_module(v, 0, false, VARKEL_TRIGGER_MODE_INTERNAL), -7);
+  EXPECT_TRUE(sent().empty());
+}
+
+TEST_F(Acquisition, ExposureTimeRespectsThePeriodGap)
+{
+  replies = {{"HS_AcquirePeriod_Command 0 0", "10000"}}; // 0.01 s
+  EXPECT_EQ(set_acquireTime(v, 0.0094f), -3);
+  EXPECT_EQ(sent(), std::vector<std::string>{"4:HS_AcquirePeriod_Command 0 0"}); // nothing set anywhere
+  log.clear();
+  EXPECT_EQ(set_acquireTime(v, 0.0093f), 0);
+  EXPECT_EQ(sent(), (std::vector<std::string>{"4:HS_AcquirePeriod_Command 0 0", "1:HS_AcquireTime_Command 1 9300",
+                                              "2:HS_AcquireTime_Command 1 9300", "3:HS_AcquireTime_Command 1 9300",
+                                              "4:HS_AcquireTime_Command 1 9300"}));
+  EXPECT_EQ(v->varkel_module, 4);
+
+  // A period of 0 lifts the rule.
+  replies = {{"HS_AcquirePeriod_Command 0 0", "0"}};
+  EXPECT_EQ(set_acquireTime(v, 30.0f), 0);
+}
+
+TEST_F(Acquisition, PeriodRespectsTheExposureTime)
+{
+  replies = {{"HS_AcquireTime_Command 0 0", "0.009300"}};
+  EXPECT_EQ(set_periodTime(v, 0.0099f), -3);
+  EXPECT_EQ(set_periodTime(v, 0.0f), 0);
+  log.clear();
+  EXPECT_EQ(set_periodTime(v, 0.01f), 0);
+  EXPECT_EQ(sent().size(), 5u);
+  EXPECT_EQ(sent().back(), "4:HS_AcquirePeriod_Command 1 9999");
+}
+
+TEST_F(Acquisition, ExposuresGoToModuleOneAloneWithAShutterOutput)
+{
+  v->varkelParam.trigger_out = VARKEL_TRIGGER_OUT_SHUTTER_MBC;
+  EXPECT_EQ(set_numberExposures(v, 5), 0);
+  EXPECT_EQ(sent(), std::vector<std::string>{"1:HS_NumExposures_Command 1 5"});
+  EXPECT_EQ(v->varkel_module, 1);
+  log.clear();
+  v->varkelParam.trigger_out = VARKEL_TRIGGER_OUT_EXTERNAL;
+  failing_module = 3;
+  EXPECT_EQ(set_numberExposures(v, 5), -1);
+  EXPECT_EQ(sent().size(), 4u); // module 3's failure does not stop module 4
+}
+
+TEST_F(Acquisition, ExposureCounterCountsFromTheStartOfTheAcquisition)
+{
+  replies = {{"HS_NumExposuresCounter_RBV", "140"}};
+  initial_exposure_counter = 100;
+  v->acquireParam.numExposuresCounter = 3;
+  EXPECT_EQ(US_NumExposuresCounter_RBV(v), 0);
+  EXPECT_EQ(v->acquireParam.numExposuresTotal, 140u);
+  EXPECT_EQ(v->acquireParam.numExposuresCounter, 40u);
+}
+
+TEST_F(Acquisition, MasterModuleOrderAndFinalChannel)
+{
+  v->varkelParam.software_trigger = true;
+  EXPECT_EQ(define_master_module(v, 2, false, VARKEL_TRIGGER_MODE_EXTERNAL_POS_EDGE), 0);
+  EXPECT_EQ(sent(), (std::vector<std::string>{"1:HS_Trigger_Command 1 1", "3:HS_Trigger_Command 1 1",
+                                              "4:HS_Trigger_Command 1 1", "2:HS_TriggerOut_Command 1 6"}));
+  EXPECT_EQ(v->varkel_module, 2);
+  EXPECT_EQ(v->varkel_interface, v->fd[1]);
+  EXPECT_FALSE(v->varkelParam.software_trigger);
+  EXPECT_EQ(v->varkelParam.trigger_out, VARKEL_TRIGGER_OUT_SHUTTER_MBC);
+
+  log.clear();
+  EXPECT_EQ(define_master_module(v, 3, true, VARKEL_TRIGGER_MODE_INTERNAL), 0);
+  EXPECT_EQ(sent().size(), 5u); // with an external trigger the master takes the mode too
+  EXPECT_TRUE(v->varkelParam.software_trigger);
+}
+
+TEST_F(Acquisition, StartsModuleOneOnlyWithoutSoftwareTrigger)
+{
+  v->acquireParam.numExposuresTotal = 17;
+  EXPECT_EQ(execute_acquire(v), 0);
+  EXPECT_EQ(sent(), std::vector<std::string>{"1:HS_Acquire_Command 1 1"});
+  EXPECT_EQ(initial_exposure_counter, 17);
+  EXPECT_EQ(v->acquireParam.acquireStatus, ACQUIRING);
+}
+
+TEST_F(Acquisition, StartsEveryModuleAfterMasterSetupWithSoftwareTrigger)
+{
+  v->varkelParam.software_trigger = true;
+  EXPECT_EQ(execute_acquire(v), 0);
+  EXPECT_EQ(sent(), (std::vector<std::string>{"2:HS_Trigger_Command 1 0", "3:HS_Trigger_Command 1 0",
+                                              "4:HS_Trigger_Command 1 0", "1:HS_TriggerOut_Command 1 6",
+                                              "1:HS_Acquire_Command 1 1", "2:HS_Acquire_Command 1 1",
+                                              "3:HS_Acquire_Command 1 1", "4:HS_Acquire_Command 1 1"}));
+}
+
+TEST_F(Acquisition, FailedStartChangesNothing)
+{
+  failing_module = 1;
+  v->acquireParam.acquireTime = 0.0f;
+  EXPECT_EQ(execute_acquire(v), -1);
+  EXPECT_EQ(v->acquireParam.acquireStatus, IDLE);
+  EXPECT_EQ(start_polling, 0);
+}
+
+TEST_F(Acquisition, TimerWaitsOutTheExposuresThenPollingEndsTheRun)
+{
+  v->acquireParam.numExposures = 2;
+  v->acquireParam.acquireTime = 0.1f;
+  replies = {{"HS_TimeRemaining_RBV", "0.000000 seconds left"}};
+  ASSERT_EQ(execute_acquire(v), 0);
+  itimerval armed{};
+  getitimer(ITIMER_REAL, &armed);
+  EXPECT_EQ(armed.it_value.tv_sec, 0);
+  EXPECT_GT(armed.it_value.tv_usec, 150000);
+  EXPECT_LE(armed.it_value.tv_usec, 200000);
+  EXPECT_EQ(status_acquire(v), ACQUIRING);
+  EXPECT_EQ(sent().size(), 1u); // nothing asked before the timer fires
+  const auto deadline = std::chrono::steady_clock::now() + 5s;
+  while (!start_polling && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(5ms);
+  ASSERT_EQ(start_polling, 1);
+  EXPECT_EQ(status_acquire(v), DONE_ACQ);
+  EXPECT_EQ(v->acquireParam.acquireStatus, DONE_ACQ);
+  EXPECT_EQ(sent().back(), "1:HS_TimeRemaining_RBV");
+}
+
+TEST_F(Acquisition, TimerArmsWholeSecondsFromOneSecondOn)
+{
+  struct Case {
+    float seconds;
+    long armed_us;
+  };
+  // 10 x 0.05 s, 3 x 0.9 s (the fraction dropped), 0.25 s.
+  for (const Case c : {Case{10 * 0.05f, 500000}, Case{3 * 0.9f, 2000000}, Case{0.25f, 250000}}) {
+    wait_toStart_polling(c.seconds);
+    itimerval armed{};
+    getitimer(ITIMER_REAL, &armed);
+    const long left = armed.it_value.tv_sec * 1000000 + armed.it_value.tv_usec;
+    EXPECT_LE(left, c.armed_us) << c.seconds;
+    EXPECT_GT(left, c.armed_us - 50000) << c.seconds;
+    EXPECT_EQ(armed.it_interval.tv_sec + armed.it_interval.tv_usec, 0);
+  }
+  itimerval off{};
+  setitimer(ITIMER_REAL, &off, nullptr);
+}
+
+TEST_F(Acquisition, NoExposureTimeStartsPollingAtOnce)
+{
+  v->acquireParam.numExposures = 1;
+  v->acquireParam.acquireTime = 0.0f;
+  replies = {{"HS_TimeRemaining_RBV", "0.000000 seconds left"}};
+  ASSERT_EQ(execute_acquire(v), 0);
+  EXPECT_EQ(start_polling, 1);
+  EXPECT_EQ(status_acquire(v), DONE_ACQ);
+}
+
+TEST_F(Acquisition, StopReportsStoppedOrAModuleFailure)
+{
+  EXPECT_EQ(stop_acquire(v), STOPPED);
+  EXPECT_EQ(sent(), (std::vector<std::string>{"1:HS_Acquire_Command 1 0", "2:HS_Acquire_Command 1 0",
+                                              "3:HS_Acquire_Command 1 0", "4:HS_Acquire_Command 1 0"}));
+  failing_module = 2;
+  EXPECT_EQ(stop_acquire(v), -1);
+  EXPECT_EQ(v->acquireParam.acquireStatus, IDLE); // stop changes no status
+}
+
+TEST(AcquisitionTimer, HandlerSetsTheFlagAndWritesItsLine)
+{
+  start_polling = 0;
+  ::testing::internal::CaptureStdout();
+  timer_handler(SIGALRM);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "\n\n\nTIME HANDLER\n\n\n\n\n");
+  EXPECT_EQ(start_polling, 1);
+}
+
+} // namespace
