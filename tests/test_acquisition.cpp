@@ -40,6 +40,8 @@ protected:
     start_polling = 0;
     initial_exposure_counter = 0;
   }
+  // The fakes' threads use the log: they stop first.
+  void TearDown() override { det.reset(); }
   std::vector<std::string> sent()
   {
     std::lock_guard lock(mutex);

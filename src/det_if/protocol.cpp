@@ -22,7 +22,8 @@ void copy_text(std::string_view text, std::span<char> out)
   if (out.empty())
     return;
   const std::size_t n = std::min(text.size(), out.size() - 1);
-  std::memcpy(out.data(), text.data(), n);
+  if (n > 0)
+    std::memcpy(out.data(), text.data(), n);
   out[n] = '\0';
 }
 
