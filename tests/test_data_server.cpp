@@ -11,7 +11,6 @@
 #include <functional>
 #include <set>
 #include <string>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <thread>
@@ -461,15 +460,13 @@ TEST(DataServer, ConcurrentExchangesNeverInterleave)
   EXPECT_EQ(std::set<uint64_t>(saved.begin(), saved.end()).size(), saved.size());
 }
 
-// The frame buffer lives under fixed names: these tests hold a lock shared by
-// every process on this machine while they create and remove segments.
+// The frame buffer lives under fixed names: these tests hold them while they
+// create and remove segments.
 class FrameBuffer : public testing::Test {
 protected:
   void SetUp() override
   {
-    lock_fd_ = open("/tmp/varkel-shm-tests.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    ASSERT_GE(lock_fd_, 0);
-    ASSERT_EQ(flock(lock_fd_, LOCK_EX), 0);
+    ASSERT_TRUE(lock_.held());
     shm_unlink(kTrio);
     shm_unlink(kQuad);
   }
@@ -477,7 +474,6 @@ protected:
   {
     shm_unlink(kTrio);
     shm_unlink(kQuad);
-    close(lock_fd_);
   }
   // Creates a segment of `size` bytes filled with a pixel pattern.
   static void create(const char* name, std::size_t size, int32_t seed)
@@ -502,7 +498,7 @@ protected:
   static constexpr const char* kTrio = "/varkel_Trio_array_data_sim";
   static constexpr const char* kQuad = "/varkel_Quad_array_data_sim";
   static constexpr std::size_t kQuadBytes = 37748736, kTrioBytes = 9437184;
-  int lock_fd_ = -1;
+  ShmNamesLock lock_;
 };
 
 TEST_F(FrameBuffer, QuadFrameIsCopiedAndRemappingDoesNotLeak)

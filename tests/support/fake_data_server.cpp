@@ -1,7 +1,10 @@
 #include "fake_data_server.hpp"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace varkel::testing {
 
@@ -63,6 +66,17 @@ RecordReply default_reply(const Record& request)
   default:
     return RecordReply::ack();
   }
+}
+
+ShmNamesLock::ShmNamesLock() : fd_(open("/tmp/varkel-shm-names.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666))
+{
+  held_ = fd_ >= 0 && flock(fd_, LOCK_EX) == 0;
+}
+
+ShmNamesLock::~ShmNamesLock()
+{
+  if (fd_ >= 0)
+    close(fd_); // releases the lock
 }
 
 FakeDataServer::FakeDataServer(Handler handler)

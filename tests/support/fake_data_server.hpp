@@ -68,6 +68,22 @@ initArgs sample_init_args();
 // A plausible answer to any request: ACK, a status, a save status DONE.
 RecordReply default_reply(const Record& request);
 
+// Held while a test or benchmark creates, maps or removes a segment under the
+// data server's fixed shared-memory names: serialises every such user on this
+// machine (a ctest RESOURCE_LOCK covers one ctest run only).
+class ShmNamesLock {
+public:
+  ShmNamesLock();
+  ~ShmNamesLock();
+  ShmNamesLock(const ShmNamesLock&) = delete;
+  ShmNamesLock& operator=(const ShmNamesLock&) = delete;
+  bool held() const { return held_; }
+
+private:
+  int fd_ = -1;
+  bool held_ = false;
+};
+
 class FakeDataServer {
 public:
   using Handler = std::function<RecordReply(const Record& request)>;
