@@ -200,21 +200,24 @@ void World::publish(Clock::time_point now)
 
 std::map<uint32_t, uint64_t> expected_transport(const initArgs& link, int m)
 {
+  // Copies: the record is packed, its fields may not be bound to references.
+  const uint64_t mac = link.be_mac[m], vaddr = link.vaddr[m];
+  const uint64_t qpn = link.qpn[m], rkey = link.rkey[m], frames = link.bufferSize;
   const uint8_t* gid = link.be_gid[m];
   auto word = [&](int first) {
     return uint64_t{gid[first]} << 24 | uint64_t{gid[first + 1]} << 16 | uint64_t{gid[first + 2]} << 8 | gid[first + 3];
   };
-  return {{2, link.be_mac[m] & 0xFFFF},
-          {3, link.be_mac[m] >> 16},
+  return {{2, mac & 0xFFFF},
+          {3, mac >> 16},
           {8, word(12)},
           {9, word(8)},
           {10, word(4)},
           {11, word(0)},
-          {12, link.qpn[m]},
-          {13, link.vaddr[m] & 0xFFFFFFFF},
-          {14, link.vaddr[m] >> 32 & 0xFFFF},
-          {15, link.rkey[m]},
-          {16, link.bufferSize},
+          {12, qpn},
+          {13, vaddr & 0xFFFFFFFF},
+          {14, vaddr >> 32 & 0xFFFF},
+          {15, rkey},
+          {16, frames},
           {19, 1},
           {21, 1}};
 }
