@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "fake_data_server.hpp"
 #include "simulator.hpp"
 #include "varkel.h"
 
@@ -65,6 +66,9 @@ struct Detector {
     return 0;
   }
 
+  // The simulator publishes its frame under the fixed segment names, which tests
+  // of other build directories may be using at the same time.
+  testing::ShmNamesLock names;
   sim::Simulator sim;
   varkel_t* v;
 };
