@@ -2,7 +2,6 @@
 // failure paths, concurrency and the shared frame buffer.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -12,7 +11,6 @@
 #include <set>
 #include <string>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -124,24 +122,30 @@ void run_until_exit(const Exchange& exchange)
 
 } // namespace
 
-TEST(DataServer, HandshakeKeepsRecordAcknowledgesAndPrints)
+TEST(DataServer, HandshakeKeepsRecordAcknowledgesAndReconnectCloses)
 {
-  FakeDataServer fake;
-  varkel_t* v = varkel_new(varkelQuad);
-  CaptureStdout();
-  ASSERT_EQ(varkel_connect_backend(v, "127.0.0.1", fake.port()), 0);
-  const std::string out = GetCapturedStdout();
-
+  Session s;
   const initArgs sent = sample_init_args();
-  EXPECT_EQ(bytes(&v->init_args, 400), bytes(&sent, 400));
-  ASSERT_TRUE(fake.wait_for_acks(1));
-  EXPECT_EQ(bytes(fake.handshake_acks()[0]), zeros(400));
-  EXPECT_NE(out.find("   Received init args\n-----------------------\nbe 1 qpn=100\nbe 2 qpn=101\n"),
-            std::string::npos);
-  EXPECT_NE(out.find("fe 4 mac=fe0000000004\n"), std::string::npos);
+  EXPECT_EQ(bytes(&s.v->init_args, 400), bytes(&sent, 400));
+  ASSERT_TRUE(s.fake.wait_for_acks(1));
+  EXPECT_EQ(bytes(s.fake.handshake_acks()[0]), zeros(400));
+
+  FILE* trace = tmpfile();
+  s.v->debug_out = trace;
+  CaptureStdout();
+  EXPECT_EQ(varkel_connect_backend(s.v, "127.0.0.1", s.fake.port()), 0);
+  const std::string out = GetCapturedStdout();
+  EXPECT_NE(out.find("-----------------------\nbe 1 qpn=100\nbe 2 qpn=101\n"), std::string::npos);
   EXPECT_NE(out.find("Module 2 BE gid==101112131415161718191a1b1c1d1e1f\n"), std::string::npos);
   EXPECT_NE(out.find("be 4 rkey=abc3\nSent ackhowledgement\n"), std::string::npos);
-  varkel_delete(v);
+  EXPECT_EQ(s.fake.accepted(), 2);
+  EXPECT_TRUE(s.fake.wait_for_acks(2));
+  char line[64] = {};
+  rewind(trace);
+  ASSERT_NE(fgets(line, sizeof line, trace), nullptr);
+  EXPECT_STREQ(line + 12, " [DISC] \n"); // after the "HH:MM:SS.mmm" stamp
+  s.v->debug_out = nullptr;
+  fclose(trace);
 }
 
 TEST(DataServer, RefusedHandshakeClosesAndAReconnectWorks)
@@ -189,38 +193,6 @@ TEST(DataServer, RefusedHandshakeClosesAndAReconnectWorks)
   }
 }
 
-TEST(DataServer, ConnectingAgainClosesTheFirstConnection)
-{
-  Session s;
-  FILE* trace = tmpfile();
-  s.v->debug_out = trace;
-  CaptureStdout();
-  EXPECT_EQ(varkel_connect_backend(s.v, "127.0.0.1", s.fake.port()), 0);
-  GetCapturedStdout();
-  EXPECT_EQ(s.fake.accepted(), 2);
-  EXPECT_TRUE(s.fake.wait_for_acks(2));
-  char line[64] = {};
-  rewind(trace);
-  ASSERT_NE(fgets(line, sizeof line, trace), nullptr);
-  EXPECT_STREQ(line + 12, " [DISC] \n");
-  varkel_disconnect_backend(s.v);
-  EXPECT_EQ(s.v->backend_socket, -1);
-  s.v->debug_out = nullptr;
-  fclose(trace);
-
-  // A refused connection gives the system error and leaves nothing open.
-  const int listener = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof addr;
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), len), 0);
-  getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len);
-  EXPECT_EQ(varkel_connect_backend(s.v, "127.0.0.1", ntohs(addr.sin_port)), ECONNREFUSED);
-  EXPECT_EQ(s.v->backend_socket, -1);
-  close(listener);
-}
-
 TEST(DataServer, RequestsAreByteExact)
 {
   Session s(kinlet);
@@ -261,9 +233,8 @@ TEST(DataServer, RepliesAndTheirTexts)
     const char* printed;
   } cases[] = {
       {&kAcquireArgs, RecordReply::ack(), 0, "received ack on ACQUIRE_ARGS\n"},
-      {&kAcquireArgs, RecordReply::nak(INVALID_SAVE_PATH), -3,
-       "Unexpected ack on ACQUIRE_ARGS. Expected ACK, and received NAK with error: Unable to create file\n"},
-      {&kAcquireArgs, RecordReply::nak(INVALID_GEOMETRY_FILE), -3, "received NAK with error: Unknown error code\n"},
+      {&kAcquireArgs, RecordReply::nak(INVALID_GEOMETRY_FILE), -3,
+       "Unexpected ack on ACQUIRE_ARGS. Expected ACK, and received NAK with error: Unknown error code\n"},
       {&kAcquireArgs, RecordReply::of(simpleArgs{ACK, INVALID_NUM_OF_ACQUISITIONS, {}}, Trigger::wrong_type), -3,
        "received NAK with error: Invalid number of acquisitions\n"},
       {&kStopAcquire, RecordReply::ack(), 0, "Received STOP_ACQUIRE response with status DONE\n"},
@@ -273,9 +244,9 @@ TEST(DataServer, RepliesAndTheirTexts)
        "Received SAVE_STATUS:\n            status=ERROR\n            Saved Frames=12\n"
        "            savedAquisitionNum=3\n"},
       {&kAbortSave, RecordReply::of(saveStatusArgs{SAVE_STATUS, NOT_DONE, {}, 5, 2, {}}), 0, "status=NOT DONE\n"},
-      {&kGeometry, RecordReply::ack(), 0, " Sending GEOMETRY request\n---"},
-      {&kGeometry, RecordReply::ack(), 0, "received ack on GEOMETRY\n"},
-      {&kAcquireStatus, RecordReply::ack(), 0, ""},
+      {&kGeometry, RecordReply::ack(), 0,
+       " Sending GEOMETRY request\n---"
+       "---------------------------\nreceived ack on GEOMETRY\n"},
   };
   for (const auto& c : cases) {
     Session s(varkelQuad, [&](const Record&) { return c.reply; });
@@ -359,19 +330,6 @@ TEST(DataServer, ShortRepliesAndFailedSendsReturnMinusOne)
     EXPECT_NE(out.find(std::string("Error while sending ") + x->name + " request\n"), std::string::npos) << out;
   }
   varkel_delete(v);
-}
-
-TEST(DataServer, ClosingDuringAnExchangeEndsTheWait)
-{
-  Session s(varkelQuad, [](const Record&) { return RecordReply::failure(Trigger::silence); });
-  std::thread closer([&] {
-    s.fake.wait_for_requests(1);
-    s.fake.stop();
-  });
-  const auto [rc, out] = run_captured(kStopAcquire, s.v);
-  closer.join();
-  EXPECT_EQ(rc, -1);
-  EXPECT_NE(out.find("Error while receiving ack for STOP_ACQUIRE\n"), std::string::npos);
 }
 
 TEST(DataServerDeathTest, FatalRepliesEndTheProcessWithTheLockFree)
@@ -501,35 +459,31 @@ protected:
   ShmNamesLock lock_;
 };
 
-TEST_F(FrameBuffer, QuadFrameIsCopiedAndRemappingDoesNotLeak)
+TEST_F(FrameBuffer, FrameIsCopiedAndRemappingDoesNotLeak)
 {
-  create(kQuad, kQuadBytes, 7);
-  varkel_t* v = varkel_new(varkelQuad);
-  v->simulate = 1;
-  ASSERT_EQ(init_array_data(v), 0);
-  get_array_data(v);
-  for (std::size_t i = 0; i < kQuadBytes / 4; i += 4099)
-    ASSERT_EQ(v->sample_frame[i], 7 + static_cast<int32_t>(i)) << i;
-  EXPECT_EQ(v->sample_frame[kQuadBytes / 4 - 1], 7 + static_cast<int32_t>(kQuadBytes / 4 - 1));
-  v->adata.sample_frame[5] = -1; // the segment is shared, not a snapshot
-  ASSERT_EQ(init_array_data(v), 0);
-  EXPECT_EQ(mappings_of(kQuad), 1);
-  get_array_data(v);
-  EXPECT_EQ(v->sample_frame[5], -1);
-  varkel_delete(v);
-  EXPECT_EQ(mappings_of(kQuad), 0);
-}
-
-TEST_F(FrameBuffer, TrioCopiesItsOwnFrameOnly)
-{
-  create(kTrio, kTrioBytes, 100);
-  varkel_t* v = varkel_new(varkelTrio);
-  v->simulate = 1;
-  ASSERT_EQ(init_array_data(v), 0);
-  get_array_data(v);
-  EXPECT_EQ(v->sample_frame[0], 100);
-  EXPECT_EQ(v->sample_frame[kTrioBytes / 4 - 1], 100 + static_cast<int32_t>(kTrioBytes / 4 - 1));
-  varkel_delete(v);
+  // The Trio segment holds just its frame: copying past it would fault.
+  const struct {
+    varkel_detector_model_t model;
+    const char* name;
+    std::size_t frame;
+  } cases[] = {{varkelQuad, kQuad, kQuadBytes}, {varkelTrio, kTrio, kTrioBytes}};
+  for (const auto& c : cases) {
+    create(c.name, c.frame, 7);
+    varkel_t* v = varkel_new(c.model);
+    v->simulate = 1;
+    ASSERT_EQ(init_array_data(v), 0);
+    get_array_data(v);
+    for (std::size_t i = 0; i < c.frame / 4; i += 4099)
+      ASSERT_EQ(v->sample_frame[i], 7 + static_cast<int32_t>(i)) << i;
+    EXPECT_EQ(v->sample_frame[c.frame / 4 - 1], 7 + static_cast<int32_t>(c.frame / 4 - 1));
+    v->adata.sample_frame[5] = -1; // the segment is shared, not a snapshot
+    ASSERT_EQ(init_array_data(v), 0);
+    EXPECT_EQ(mappings_of(c.name), 1);
+    get_array_data(v);
+    EXPECT_EQ(v->sample_frame[5], -1);
+    varkel_delete(v);
+    EXPECT_EQ(mappings_of(c.name), 0);
+  }
 }
 
 TEST_F(FrameBuffer, MissingOrUnusableSegmentsMapNothing)
