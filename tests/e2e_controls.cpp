@@ -79,9 +79,9 @@ TEST(Controls, AStoppedAcquisitionStopsCountingFrames)
 {
   Detector d(model(varkelQuad));
   ASSERT_EQ(d.connect(), 0);
-  // Four seconds long, and the library's timer (exposures x time) would fire after
-  // two: the test is over long before either.
-  ASSERT_EQ(d.configure(0.01f, 0.02f, 200), 0);
+  // Twelve seconds long, and the library's timer (exposures x time) would fire after
+  // ten: the test is over long before either, even under a sanitizer.
+  ASSERT_EQ(d.configure(0.05f, 0.06f, 200), 0);
   ASSERT_EQ(prepare_varkel(d.v), 0);
   ASSERT_EQ(execute_acquire(d.v), 0);
   const auto deadline = std::chrono::steady_clock::now() + 10s;
@@ -96,7 +96,7 @@ TEST(Controls, AStoppedAcquisitionStopsCountingFrames)
   ASSERT_EQ(get_acqStatus_fromBackend(d.v), 0);
   const acqStatusArgs at_stop = d.v->acq_status_return;
   // Three more periods: nothing may arrive after the stop.
-  std::this_thread::sleep_for(60ms);
+  std::this_thread::sleep_for(180ms);
   ASSERT_EQ(get_acqStatus_fromBackend(d.v), 0);
   for (int m = 0; m < 4; ++m) {
     EXPECT_EQ(+d.v->acq_status_return.noOfFrames[m], +at_stop.noOfFrames[m]) << m;
