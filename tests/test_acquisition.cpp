@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "fake_data_server.hpp"
 #include "fake_detector.hpp"
 #include "varkel.h"
 
@@ -328,6 +329,24 @@ TEST_F(Acquisition, StopReportsStoppedOrAModuleFailure)
   failing_module = 2;
   EXPECT_EQ(stop_acquire(v), -1);
   EXPECT_EQ(v->acquireParam.acquireStatus, IDLE); // stop changes no status
+}
+
+TEST_F(Acquisition, ExchangesSurviveTheTimerSignal)
+{
+  // The timer fires while both peers take their time to answer.
+  det->module(4).set_latency(150ms);
+  varkel::testing::FakeDataServer data_server([](const varkel::testing::Record&) {
+    std::this_thread::sleep_for(150ms);
+    return varkel::testing::RecordReply::of(acqStatusArgs{});
+  });
+  ASSERT_EQ(varkel_connect_backend(v, "127.0.0.1", data_server.port()), 0);
+  wait_toStart_polling(0.05f);
+  EXPECT_EQ(US_TimeRemaining_RBV(v), 0);
+  EXPECT_EQ(start_polling, 1);
+  wait_toStart_polling(0.05f);
+  EXPECT_EQ(get_acqStatus_fromBackend(v), 0);
+  EXPECT_EQ(start_polling, 1);
+  varkel_disconnect_backend(v);
 }
 
 TEST(AcquisitionTimer, HandlerSetsTheFlagAndWritesItsLine)

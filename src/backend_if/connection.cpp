@@ -35,7 +35,16 @@ bool send_record(int fd, const void* record)
   return send(fd, record, kRecordSize, MSG_NOSIGNAL) == static_cast<ssize_t>(kRecordSize);
 }
 
-ssize_t receive_record(int fd, void* record) { return recv(fd, record, kRecordSize, MSG_WAITALL); }
+ssize_t receive_record(int fd, void* record)
+{
+  // The acquisition timer's SIGALRM is caught without SA_RESTART: a wait it cuts
+  // short before anything arrived is simply resumed.
+  ssize_t n;
+  do
+    n = recv(fd, record, kRecordSize, MSG_WAITALL);
+  while (n < 0 && errno == EINTR);
+  return n;
+}
 
 void release_backend(varkel_t* v)
 {

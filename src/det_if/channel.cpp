@@ -53,7 +53,10 @@ std::size_t complete_reply(int fd, char* buf, std::size_t len, std::size_t capac
 {
   while (len < capacity && reply_shape({buf, len}) == ReplyShape::incomplete) {
     pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(kReplyContinuationWait.count())) <= 0)
+    const int ready = poll(&p, 1, static_cast<int>(kReplyContinuationWait.count()));
+    if (ready < 0 && errno == EINTR)
+      continue;
+    if (ready <= 0)
       break;
     const ssize_t n = recv(fd, buf + len, capacity - len, MSG_DONTWAIT);
     if (n <= 0)
@@ -114,7 +117,14 @@ int receive(varkel_t* varkel, char* result, uint64_t result_size, varkel_thread_
   std::memset(result, 0, result_size);
 
   const int fd = channel_socket(varkel, owner);
-  ssize_t rc = fd < 0 ? -1 : recv(fd, result, result_size, 0);
+  ssize_t rc = -1;
+  if (fd >= 0) {
+    // A SIGALRM of the acquisition timer (caught without SA_RESTART) must not
+    // turn into a failed query: a wait it cuts short is resumed.
+    do
+      rc = recv(fd, result, result_size, 0);
+    while (rc < 0 && errno == EINTR);
+  }
   if (rc < 0) {
     printf("OWNER: %d RC: %d - GET FROM K64 (JSON): %s\n", owner, static_cast<int>(rc), result);
     return -1;
