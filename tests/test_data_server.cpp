@@ -523,7 +523,7 @@ TEST_F(FrameBuffer, PrepareCombinesArgumentsAndMapping)
 {
   create(kQuad, kQuadBytes, 1);
   for (const auto& [reply, rc] : {std::pair{RecordReply::ack(), 0}, std::pair{RecordReply::nak(1), -3}}) {
-    Session s(varkelQuad, [reply](const Record&) { return reply; });
+    Session s(varkelQuad, [reply = reply](const Record&) { return reply; });
     s.v->simulate = 1;
     CaptureStdout();
     EXPECT_EQ(prepare_varkel(s.v), rc);
