@@ -80,7 +80,7 @@ bool is_json_file(const std::string& path)
 
 DataServer::DataServer(World& world, const char* host, uint16_t port)
     : world_(world),
-      server_(std::make_unique<varkel::testing::LoopbackServer>([this](int fd) { serve(fd); }, host, port))
+      server_(std::make_unique<varkel::loopback::LoopbackServer>([this](int fd) { serve(fd); }, host, port))
 {
 }
 
@@ -93,7 +93,7 @@ void DataServer::serve(int fd)
     std::lock_guard lock(world_.mutex);
     put(reply, world_.link);
   }
-  if (!varkel::testing::send_all(fd, reply, kRecord) || !receive_record(fd, request))
+  if (!varkel::loopback::send_all(fd, reply, kRecord) || !receive_record(fd, request))
     return;
   // The client's answer to the link parameters: anything but an ACK ends the session.
   if (request[0] != ACK)
@@ -127,7 +127,7 @@ void DataServer::serve(int fd)
         break;
       }
     }
-    if (!varkel::testing::send_all(fd, reply, kRecord))
+    if (!varkel::loopback::send_all(fd, reply, kRecord))
       return;
   }
 }

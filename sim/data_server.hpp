@@ -43,7 +43,7 @@ private:
   Counts base_;    // what had arrived when they were accepted
   std::optional<Counts> stopped_;
   std::optional<Counts> save_aborted_;
-  std::unique_ptr<varkel::testing::LoopbackServer> server_;
+  std::unique_ptr<varkel::loopback::LoopbackServer> server_;
 };
 
 } // namespace varkel::sim

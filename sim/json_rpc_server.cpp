@@ -71,7 +71,7 @@ std::string reply_text(const Answer& answer, const std::string& id_json)
 JsonRpcServer::JsonRpcServer(Handler handler, std::chrono::microseconds latency, const char* host, uint16_t port,
                              Log log)
     : handler_(std::move(handler)), latency_(latency), log_(std::move(log)),
-      server_(std::make_unique<varkel::testing::LoopbackServer>([this](int fd) { serve(fd); }, host, port))
+      server_(std::make_unique<varkel::loopback::LoopbackServer>([this](int fd) { serve(fd); }, host, port))
 {
 }
 
@@ -113,7 +113,7 @@ void JsonRpcServer::serve(int fd)
         std::this_thread::sleep_for(latency_);
       if (log_)
         log_(command, reply);
-      if (!varkel::testing::send_all(fd, reply.data(), reply.size()))
+      if (!varkel::loopback::send_all(fd, reply.data(), reply.size()))
         return;
     }
   }

@@ -52,7 +52,7 @@ private:
   Handler handler_;
   std::chrono::microseconds latency_;
   Log log_;
-  std::unique_ptr<varkel::testing::LoopbackServer> server_;
+  std::unique_ptr<varkel::loopback::LoopbackServer> server_;
 };
 
 // The reply text for `answer` to a request whose "id" member is `id_json` (JSON

@@ -15,6 +15,10 @@
 
 namespace varkel::testing {
 
+using loopback::arm_reset;
+using loopback::LoopbackServer;
+using loopback::send_all;
+
 struct Request {
   std::string raw;
   std::string method;

@@ -20,6 +20,10 @@
 
 namespace varkel::testing {
 
+using loopback::arm_reset;
+using loopback::LoopbackServer;
+using loopback::send_all;
+
 using Record = std::array<uint8_t, 400>;
 
 template <typename T> Record to_record(const T& r)

@@ -9,7 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace varkel::testing {
+namespace varkel::loopback {
 
 LoopbackServer::LoopbackServer(Session session, const char* host, uint16_t port) : session_(std::move(session))
 {
@@ -95,4 +95,4 @@ void arm_reset(int fd)
   setsockopt(fd, SOL_SOCKET, SO_LINGER, &l, sizeof l);
 }
 
-} // namespace varkel::testing
+} // namespace varkel::loopback

@@ -1,5 +1,5 @@
-// A TCP server on 127.0.0.1 with an ephemeral port: the plumbing the fake peers
-// of the tests and the simulator share. Each accepted connection is served on a
+// A TCP server on 127.0.0.1 with an ephemeral port: the plumbing the simulator
+// and the fake peers of the tests share. Each accepted connection is served on a
 // thread of its own by the session function given at construction; the
 // connection is closed when the session returns (reset, if it armed a reset).
 #pragma once
@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-namespace varkel::testing {
+namespace varkel::loopback {
 
 class LoopbackServer {
 public:
@@ -47,4 +47,4 @@ bool send_all(int fd, const void* data, std::size_t size);
 // Makes the next close of `fd` reset the connection (RST instead of FIN).
 void arm_reset(int fd);
 
-} // namespace varkel::testing
+} // namespace varkel::loopback
