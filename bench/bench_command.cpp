@@ -7,34 +7,12 @@
 #include <unistd.h>
 
 #include "fake_controller.hpp"
+#include "quiet_stdout.hpp"
 #include "varkel.h"
 
 namespace {
 
 using varkel::testing::FakeController;
-
-// The library prints every request and reply on standard output; keep that out
-// of the benchmark report.
-class QuietStdout {
-public:
-  QuietStdout()
-  {
-    std::fflush(stdout);
-    saved_ = dup(1);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, 1);
-    close(null);
-  }
-  ~QuietStdout()
-  {
-    std::fflush(stdout);
-    dup2(saved_, 1);
-    close(saved_);
-  }
-
-private:
-  int saved_;
-};
 
 void BM_QueryAndCache(benchmark::State& state)
 {

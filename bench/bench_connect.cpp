@@ -11,35 +11,12 @@
 #include <unistd.h>
 
 #include "fake_controller.hpp"
+#include "quiet_stdout.hpp"
 #include "varkel.h"
 
 namespace {
 
 using varkel::testing::FakeController;
-
-// The library prints every request and reply; keep that out of the report.
-class QuietStdout {
-public:
-  QuietStdout()
-  {
-    std::fflush(stdout);
-    saved_ = dup(1);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, 1);
-    close(null);
-  }
-  ~QuietStdout()
-  {
-    std::fflush(stdout);
-    dup2(saved_, 1);
-    close(saved_);
-  }
-  QuietStdout(const QuietStdout&) = delete;
-  QuietStdout& operator=(const QuietStdout&) = delete;
-
-private:
-  int saved_;
-};
 
 struct SlowDetector {
   SlowDetector()

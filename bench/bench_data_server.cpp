@@ -14,6 +14,7 @@
 
 #include "fake_controller.hpp"
 #include "fake_data_server.hpp"
+#include "quiet_stdout.hpp"
 #include "varkel.h"
 
 namespace {
@@ -22,27 +23,6 @@ using namespace varkel::testing;
 
 constexpr std::size_t kFrameBytes = 37748736; // one four-module frame
 constexpr char kSegment[] = "/varkel_Quad_array_data_sim";
-
-// Keeps the library's diagnostics out of the benchmark report.
-class QuietStdout {
-public:
-  QuietStdout() : saved_(dup(STDOUT_FILENO))
-  {
-    std::fflush(stdout);
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(null, STDOUT_FILENO);
-    close(null);
-  }
-  ~QuietStdout()
-  {
-    std::fflush(stdout);
-    dup2(saved_, STDOUT_FILENO);
-    close(saved_);
-  }
-
-private:
-  int saved_;
-};
 
 void BM_DataServer_AcquireStatusExchange(benchmark::State& state)
 {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
@@ -55,15 +56,31 @@ int query_expect(varkel_t* v, varkel_thread_t owner, const char* expected, int m
   return std::strcmp(reply, expected) == 0 ? 0 : mismatch;
 }
 
-// Send; on success store `value` in `field` (the requested value, not the reply).
-// Returns the query code.
-template <typename Field, typename... Args>
-int query_store(varkel_t* v, Field& field, Field value, const char* cmd, Args... args)
+// The set form of a set/read-back template on the main channel: -3 when the
+// value was refused (nothing sent), else the query code.
+template <typename... Args>
+int write_checked(varkel_t* v, bool valid, const char* cmd, Args... args)
 {
-  const int rc = query_status(v, VARKEL_THREAD_MAIN, cmd, args...);
+  assert(v != NULL);
+  return valid ? query_status(v, VARKEL_THREAD_MAIN, cmd, 1u, args...) : -3;
+}
+
+// As write_checked for one value, which is stored in `field` once the controller
+// has answered (the requested value, not the reply).
+template <typename Field>
+int write_and_store(varkel_t* v, bool valid, Field& field, Field value, const char* cmd)
+{
+  const int rc = write_checked(v, valid, cmd, static_cast<unsigned>(value));
   if (rc == 0)
     field = value;
   return rc;
+}
+
+// The read-back form of a template whose reply is not read: the query code.
+inline int read_back(varkel_t* v, const char* cmd)
+{
+  assert(v != NULL);
+  return query_status(v, VARKEL_THREAD_MAIN, cmd, 0u, 0u);
 }
 
 // Send, compare the whole result text with each known text and store the value

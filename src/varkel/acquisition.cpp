@@ -61,11 +61,7 @@ void wait_toStart_polling(float acq_time)
   }
 }
 
-int US_Acquire(varkel_t* varkel, bool action)
-{
-  assert(varkel != NULL);
-  return query_status(varkel, kMain, CMD_ACQUIRE, 1u, action ? 1u : 0u);
-}
+int US_Acquire(varkel_t* varkel, bool action) { return write_checked(varkel, true, CMD_ACQUIRE, action ? 1u : 0u); }
 
 int US_Acquire_RBV(varkel_t* varkel)
 {
@@ -105,31 +101,18 @@ int US_SoftawareTrigger(varkel_t* varkel, int software_trigger)
 int trigger_out(varkel_t* varkel, varkel_trigger_out_t trigger_out_mode)
 {
   assert(varkel != NULL);
-  if (!validate_trigger_out(trigger_out_mode))
-    return -3;
-  return query_store(varkel, varkel->varkelParam.trigger_out, trigger_out_mode, CMD_SET_TRIGGER_OUT, 1u,
-                     static_cast<unsigned>(trigger_out_mode));
+  return write_and_store(varkel, validate_trigger_out(trigger_out_mode), varkel->varkelParam.trigger_out,
+                         trigger_out_mode, CMD_SET_TRIGGER_OUT);
 }
 
-int trigger_out_get(varkel_t* varkel)
-{
-  assert(varkel != NULL);
-  return query_status(varkel, kMain, CMD_SET_TRIGGER_OUT, 0u, 0u);
-}
+int trigger_out_get(varkel_t* varkel) { return read_back(varkel, CMD_SET_TRIGGER_OUT); }
 
 int Set_Trigger(varkel_t* varkel, int set_trigger)
 {
-  assert(varkel != NULL);
-  if (!validate_bool(set_trigger))
-    return -3;
-  return query_status(varkel, kMain, CMD_SET_TRIGGER, 1u, static_cast<unsigned>(set_trigger));
+  return write_checked(varkel, validate_bool(set_trigger), CMD_SET_TRIGGER, static_cast<unsigned>(set_trigger));
 }
 
-int Set_Trigger_RBV(varkel_t* varkel)
-{
-  assert(varkel != NULL);
-  return query_status(varkel, kMain, CMD_SET_TRIGGER, 0u, 0u);
-}
+int Set_Trigger_RBV(varkel_t* varkel) { return read_back(varkel, CMD_SET_TRIGGER); }
 
 int define_master_module(varkel_t* varkel, uint8_t module, bool ext_trigger, varkel_trigger_mode_t trigger_mode)
 {

@@ -95,17 +95,11 @@ int US_NumExposuresCounter_RBV(varkel_t* varkel)
 int US_TriggerMode(varkel_t* varkel, varkel_trigger_mode_t trigger_mode)
 {
   assert(varkel != NULL);
-  if (!validate_trigger_mode(trigger_mode))
-    return -3;
-  return query_store(varkel, varkel->varkelParam.trigger_mode, trigger_mode, CMD_TRIGGER_MODE, 1u,
-                     static_cast<unsigned>(trigger_mode));
+  return write_and_store(varkel, validate_trigger_mode(trigger_mode), varkel->varkelParam.trigger_mode, trigger_mode,
+                         CMD_TRIGGER_MODE);
 }
 
-int US_TriggerMode_RBV(varkel_t* varkel)
-{
-  assert(varkel != NULL);
-  return query_status(varkel, kMain, CMD_TRIGGER_MODE, 0u, 0u);
-}
+int US_TriggerMode_RBV(varkel_t* varkel) { return read_back(varkel, CMD_TRIGGER_MODE); }
 
 int US_ReadCounter(varkel_t* varkel, varkel_read_counter_t read_counter)
 {
