@@ -21,6 +21,15 @@ FakeDetector::FakeDetector(varkel_detector_model_t model)
 
 FakeDetector::~FakeDetector() { varkel_delete(v_); }
 
+int FakeDetector::connect(std::vector<uint16_t> ports)
+{
+  ports.resize(fakes_.size());
+  for (std::size_t m = 0; m < fakes_.size(); ++m)
+    ports[m] = ports[m] != 0 ? ports[m] : fakes_[m]->port();
+  const std::vector<const char*> hosts(fakes_.size(), "127.0.0.1");
+  return varkel_connect(v_, hosts.data(), ports.data());
+}
+
 void FakeDetector::answer_all(const FakeController::Handler& handler)
 {
   for (auto& f : fakes_)
