@@ -1,5 +1,6 @@
 #include "fake_data_server.hpp"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
@@ -13,14 +14,51 @@ namespace {
 // Reads one whole record; false when the peer closes or fails first.
 bool read_record(int fd, Record& out)
 {
-  std::size_t got = 0;
-  while (got < out.size()) {
+  for (std::size_t got = 0; got < out.size();) {
     const ssize_t n = recv(fd, out.data() + got, out.size() - got, 0);
     if (n <= 0)
       return false;
     got += static_cast<std::size_t>(n);
   }
   return true;
+}
+
+// Puts `reply` on the wire; false when it ends the connection.
+bool answer(int fd, RecordReply reply)
+{
+  Record& r = reply.record;
+  switch (reply.trigger) {
+  case Trigger::wrong_type:
+    r[0] = 4;
+    [[fallthrough]];
+  case Trigger::none:
+    loopback::send_all(fd, r.data(), r.size());
+    return true;
+  case Trigger::oversized_record: {
+    std::array<uint8_t, 800> both;
+    both.fill(0xEE);
+    std::copy(r.begin(), r.end(), both.begin());
+    loopback::send_all(fd, both.data(), both.size());
+    return true;
+  }
+  case Trigger::short_record:
+    loopback::send_all(fd, r.data(), r.size() - 1);
+    break;
+  case Trigger::close:
+    break;
+  case Trigger::reset:
+    loopback::arm_reset(fd); // the close when the session returns sends the reset
+    return false;
+  }
+  shutdown(fd, SHUT_WR);
+  return false;
+}
+
+RecordReply default_reply(const Record& request)
+{
+  if (request[0] == SAVE_STATUS || request[0] == ABORT_SAVE)
+    return RecordReply::of(saveStatusArgs{SAVE_STATUS, DONE, {}, 10, 1, {}});
+  return RecordReply::ack();
 }
 
 } // namespace
@@ -34,8 +72,8 @@ initArgs sample_init_args()
       a.be_gid[m][i] = static_cast<uint8_t>(0x10 * m + i);
       a.fe_gid[m][i] = static_cast<uint8_t>(0xf0 - 0x10 * m + i);
     }
-    a.fe_mac[m] = 0xfe0000000000ull + static_cast<uint64_t>(m + 1);
-    a.be_mac[m] = 0xbe0000000000ull + static_cast<uint64_t>(m + 1);
+    a.fe_mac[m] = 0xfe0000000001ull + static_cast<uint64_t>(m);
+    a.be_mac[m] = 0xbe0000000001ull + static_cast<uint64_t>(m);
     a.vaddr[m] = 0x7f0000000000ull + 0x1000ull * static_cast<uint64_t>(m);
     a.rkey[m] = 0xabc0u + static_cast<uint32_t>(m);
     a.qpn[m] = 0x100u + static_cast<uint32_t>(m);
@@ -44,72 +82,26 @@ initArgs sample_init_args()
   return a;
 }
 
-RecordReply default_reply(const Record& request)
+ShmNamesLock::ShmNamesLock() : fd(open("/tmp/varkel-shm-names.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666))
 {
-  switch (request[0]) {
-  case ACQUIRE_STATUS: {
-    acqStatusArgs s{};
-    s.type = ACQUIRE_STATUS;
-    s.noOfFrames[0] = 10;
-    s.done = 1;
-    return RecordReply::of(s);
-  }
-  case SAVE_STATUS:
-  case ABORT_SAVE: {
-    saveStatusArgs s{};
-    s.type = SAVE_STATUS;
-    s.done = DONE;
-    s.savedFrameNum = 10;
-    s.savedAquisitionNum = 1;
-    return RecordReply::of(s);
-  }
-  default:
-    return RecordReply::ack();
+  if (fd >= 0 && flock(fd, LOCK_EX) != 0) {
+    close(fd);
+    fd = -1;
   }
 }
 
-ShmNamesLock::ShmNamesLock() : fd_(open("/tmp/varkel-shm-names.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666))
-{
-  held_ = fd_ >= 0 && flock(fd_, LOCK_EX) == 0;
-}
-
-ShmNamesLock::~ShmNamesLock()
-{
-  if (fd_ >= 0)
-    close(fd_); // releases the lock
-}
+ShmNamesLock::~ShmNamesLock() { close(fd); }
 
 FakeDataServer::FakeDataServer(Handler handler)
-    : handler_(std::move(handler)), greeting_(sample_init_args()),
-      server_(std::make_unique<LoopbackServer>([this](int fd) { serve(fd); }))
+    : handler_(handler ? std::move(handler) : Handler(default_reply)), server_([this](int fd) { serve(fd); })
 {
 }
 
-FakeDataServer::~FakeDataServer() { server_->stop(); }
-
-void FakeDataServer::set_handler(Handler handler)
+std::vector<Record> FakeDataServer::acks(std::size_t n) const
 {
-  std::lock_guard lock(mutex_);
-  handler_ = std::move(handler);
-}
-
-void FakeDataServer::set_greeting(const initArgs& args, Trigger trigger)
-{
-  std::lock_guard lock(mutex_);
-  greeting_ = args;
-  greeting_trigger_ = trigger;
-}
-
-void FakeDataServer::set_reply_window(std::chrono::microseconds window)
-{
-  std::lock_guard lock(mutex_);
-  window_ = window;
-}
-
-void FakeDataServer::set_recording(bool on)
-{
-  std::lock_guard lock(mutex_);
-  recording_ = on;
+  std::unique_lock lock(mutex_);
+  acked_.wait_for(lock, std::chrono::seconds(5), [&] { return acks_.size() >= n; });
+  return acks_;
 }
 
 std::vector<Record> FakeDataServer::requests() const
@@ -118,115 +110,28 @@ std::vector<Record> FakeDataServer::requests() const
   return requests_;
 }
 
-std::size_t FakeDataServer::request_count() const
-{
-  std::lock_guard lock(mutex_);
-  return count_;
-}
-
-std::vector<Record> FakeDataServer::handshake_acks() const
-{
-  std::lock_guard lock(mutex_);
-  return acks_;
-}
-
-int FakeDataServer::overlaps() const
-{
-  std::lock_guard lock(mutex_);
-  return overlaps_;
-}
-
-bool FakeDataServer::wait_for_requests(std::size_t n, std::chrono::milliseconds timeout) const
-{
-  std::unique_lock lock(mutex_);
-  return arrived_.wait_for(lock, timeout, [&] { return count_ >= n; });
-}
-
-bool FakeDataServer::wait_for_acks(std::size_t n, std::chrono::milliseconds timeout) const
-{
-  std::unique_lock lock(mutex_);
-  return arrived_.wait_for(lock, timeout, [&] { return acks_.size() >= n; });
-}
-
-void FakeDataServer::answer(int fd, const RecordReply& reply)
-{
-  Record record = reply.record;
-  switch (reply.trigger) {
-  case Trigger::none:
-    send_all(fd, record.data(), record.size());
-    break;
-  case Trigger::short_record:
-    send_all(fd, record.data(), record.size() - 1);
-    shutdown(fd, SHUT_WR);
-    break;
-  case Trigger::oversized_record: {
-    std::array<uint8_t, 800> both;
-    std::memcpy(both.data(), record.data(), record.size());
-    std::memset(both.data() + record.size(), 0xEE, record.size());
-    send_all(fd, both.data(), both.size());
-    break;
-  }
-  case Trigger::wrong_type:
-    record[0] = kWrongType;
-    send_all(fd, record.data(), record.size());
-    break;
-  case Trigger::close:
-    shutdown(fd, SHUT_WR);
-    break;
-  case Trigger::reset:
-    arm_reset(fd); // the close when the session returns sends the reset
-    break;
-  case Trigger::silence:
-    break;
-  }
-}
-
 void FakeDataServer::serve(int fd)
 {
-  initArgs greeting;
-  Trigger trigger;
+  const Trigger greeting = greeting_;
+  Record record;
+  if (!answer(fd, RecordReply::of(sample_init_args(), greeting)) || !read_record(fd, record))
+    return;
   {
     std::lock_guard lock(mutex_);
-    greeting = greeting_;
-    trigger = greeting_trigger_;
+    acks_.push_back(record);
   }
-  answer(fd, RecordReply::of(greeting, trigger));
-  if (trigger == Trigger::close || trigger == Trigger::reset || trigger == Trigger::short_record)
-    return;
-
-  Record record;
-  if (trigger == Trigger::none) {
-    if (!read_record(fd, record))
-      return;
-    {
-      std::lock_guard lock(mutex_);
-      acks_.push_back(record);
-    }
-    arrived_.notify_all();
-  }
+  acked_.notify_all();
   while (read_record(fd, record)) {
-    Handler handler;
-    std::chrono::microseconds window;
-    {
+    if (recording_) {
       std::lock_guard lock(mutex_);
-      ++count_;
-      if (recording_)
-        requests_.push_back(record);
-      handler = handler_;
-      window = window_;
+      requests_.push_back(record);
     }
-    arrived_.notify_all();
-    const RecordReply reply = handler ? handler(record) : default_reply(record);
-    if (window.count() > 0) {
-      // Nothing may arrive while the reply is owed: the library waits for it.
-      pollfd p{fd, POLLIN, 0};
-      if (poll(&p, 1, static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(window).count())) > 0) {
-        std::lock_guard lock(mutex_);
-        ++overlaps_;
-      }
-    }
-    answer(fd, reply);
-    if (reply.trigger == Trigger::close || reply.trigger == Trigger::reset || reply.trigger == Trigger::short_record)
+    const RecordReply reply = handler_(record);
+    // Nothing may arrive while the reply is owed: the library waits for it.
+    pollfd p{fd, POLLIN, 0};
+    if (window_ms_ > 0 && poll(&p, 1, window_ms_) > 0)
+      ++overlaps_;
+    if (!answer(fd, reply))
       return;
   }
 }
