@@ -1,157 +1,280 @@
-// The typical use, end to end, against the simulator running in this process:
-// data server, modules, acquisition parameters, trigger arrangement, preparation,
-// acquisition, data-server status and the sample frame.
-#include <chrono>
+// The typical use, end to end, against the simulator running in this process, and
+// around it: a missing chip and a link that stays down, per-command latency, the
+// controllers' read-backs and refusals, a stop, the data server's judgements. The
+// records' fields are packed: the assertions take copies of them (unary +).
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <numeric>
-#include <vector>
+#include <sys/time.h>
+#include <thread>
+#include <tuple>
+#include <unistd.h>
 
-#include "e2e_detector.hpp"
-
-// The records' fields are packed: the assertions take copies of them (unary +),
-// never references.
+#include "fake_data_server.hpp"
+#include "simulator.hpp"
+#include "varkel.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using varkel::e2e::Detector;
-using varkel::e2e::model;
-using varkel::sim::Options;
+namespace sim = varkel::sim;
 
-constexpr int kExposures = 4;
-constexpr float kExposure = 0.004f; // both exact to the microsecond in single precision
-constexpr float kPeriod = 0.008f;
-
-std::span<const int32_t> chip_pixels(std::span<const int32_t> frame, int module, int board, int chip)
+sim::Options options(varkel_detector_model_t model, std::chrono::microseconds latency = {},
+                     std::vector<sim::MissingChip> missing = {})
 {
-  const std::size_t index = (static_cast<std::size_t>(module) * 3 + board) * 12 + chip;
-  return frame.subspan(index * 65536, 65536);
+  sim::Options o;
+  o.model = model;
+  o.latency = latency;
+  o.missing = std::move(missing);
+  return o;
 }
 
-int64_t sum(std::span<const int32_t> pixels) { return std::accumulate(pixels.begin(), pixels.end(), int64_t{0}); }
+// A library handle driving a simulator of the same model.
+struct Detector {
+  explicit Detector(const sim::Options& o) : sim(o), v(varkel_new(o.model)) { v->simulate = 1; }
+  ~Detector() { varkel_delete(v); }
+
+  int connect_backend() { return varkel_connect_backend(v, "127.0.0.1", sim.data_port()); }
+  int connect_modules()
+  {
+    const std::vector<const char*> hosts(4, "127.0.0.1");
+    std::vector<uint16_t> ports;
+    for (int m = 1; m <= sim.modules(); ++m)
+      ports.push_back(sim.module_port(m));
+    return varkel_connect(v, hosts.data(), ports.data());
+  }
+  bool connect() { return connect_backend() == 0 && connect_modules() == 0; }
+
+  // Module 1 leads, the others follow its shutter output.
+  bool configure(float exposure, float period, int exposures)
+  {
+    return set_acquireTime(v, exposure) == 0 && set_periodTime(v, period) == 0 &&
+           set_numberExposures(v, exposures) == 0 &&
+           define_master_module(v, 1, false, VARKEL_TRIGGER_MODE_EXTERNAL_POS_EDGE) == 0;
+  }
+
+  // The typical use from the acquisition parameters to the sample frame: true when
+  // every step succeeds. Models without a frame segment cannot be prepared.
+  bool run(int exposures)
+  {
+    return configure(0.004f, 0.008f, exposures) && prepare_varkel(v) == (sim.segment_name().empty() ? -1 : 0) &&
+           acquire();
+  }
+  // execute_acquire, status_acquire until done, the data server's status, the sample frame.
+  bool acquire()
+  {
+    bool ok = US_NumExposuresCounter_RBV(v) == 0 && execute_acquire(v) == 0;
+    for (auto end = std::chrono::steady_clock::now() + 20s; ok && status_acquire(v) != DONE_ACQ;
+         std::this_thread::sleep_for(1ms))
+      ok = std::chrono::steady_clock::now() < end;
+    ok = ok && US_NumExposuresCounter_RBV(v) == 0 && get_acqStatus_fromBackend(v) == 0;
+    get_array_data(v);
+    return ok;
+  }
+
+  varkel::testing::ShmNamesLock names; // the simulator's segment has a machine-wide name
+  sim::Simulator sim;
+  varkel_t* v;
+};
+
+// Chip `index` of the frame is (module * 3 + board) * 12 + position.
+int64_t chip_sum(std::span<const int32_t> frame, int index)
+{
+  const auto pixels = frame.subspan(static_cast<std::size_t>(index) * 65536, 65536);
+  return std::accumulate(pixels.begin(), pixels.end(), int64_t{0});
+}
 
 class TypicalUse : public ::testing::TestWithParam<varkel_detector_model_t> {};
 
 TEST_P(TypicalUse, EveryModuleDeliversEveryExposureAndTheFrameArrives)
 {
-  Detector d(model(GetParam()));
+  Detector d(options(GetParam()));
   const int modules = d.sim.modules();
-  ASSERT_EQ(d.connect(), 0);
-  EXPECT_EQ(+d.v->init_args.bufferSize, 512u);
-  for (int m = 1; m <= modules; ++m)
-    EXPECT_TRUE(d.sim.module(m).link_up) << "module " << m;
-
-  ASSERT_EQ(d.configure(kExposure, kPeriod, kExposures), 0);
-  for (int m = 1; m <= modules; ++m) {
-    const auto view = d.sim.module(m);
-    EXPECT_EQ(view.exposure_us, 4000u);
-    EXPECT_EQ(view.period_us, 8000u);
-    EXPECT_EQ(view.exposures, static_cast<uint32_t>(kExposures));
-    EXPECT_EQ(view.trigger_mode, m == 1 ? 0u : 1u) << "module " << m;
-  }
-  EXPECT_EQ(d.sim.module(1).trigger_out, 6u);
-  EXPECT_FLOAT_EQ(d.v->acquireParam.acquireTime, kExposure);
-  EXPECT_FLOAT_EQ(d.v->acquireParam.acquirePeriod, kPeriod);
-  EXPECT_EQ(d.v->acquireParam.numExposures, static_cast<uint32_t>(kExposures));
-
-  ASSERT_EQ(US_NumExposuresCounter_RBV(d.v), 0);
-  // Only the three- and four-board-row models have a frame segment to map.
-  const bool has_frame = GetParam() == varkelTrio || GetParam() == varkelQuad;
-  EXPECT_EQ(prepare_varkel(d.v), has_frame ? 0 : -1);
-
-  ASSERT_EQ(d.acquire(), 0);
-  ASSERT_EQ(US_NumExposuresCounter_RBV(d.v), 0);
-  EXPECT_EQ(d.v->acquireParam.numExposuresCounter, static_cast<uint32_t>(kExposures));
-
-  ASSERT_EQ(get_acqStatus_fromBackend(d.v), 0);
+  ASSERT_TRUE(d.connect() && d.run(4));
+  const auto& p = d.v->acquireParam;
+  EXPECT_EQ(std::tuple(+p.acquireTime, +p.acquirePeriod, +p.numExposures, +p.numExposuresCounter),
+            std::tuple(0.004f, 0.008f, 4u, 4u));
   const acqStatusArgs& s = d.v->acq_status_return;
-  for (int m = 0; m < 4; ++m) {
-    EXPECT_EQ(+s.noOfFrames[m], m < modules ? uint64_t{kExposures} : 0u) << "module index " << m;
-    EXPECT_EQ(+s.noOfAquisitions[m], m < modules ? 1u : 0u) << "module index " << m;
-  }
+  for (int m = 0; m < 4; ++m)
+    EXPECT_EQ(std::tuple(+s.noOfFrames[m], +s.noOfAquisitions[m]),
+              std::tuple(m < modules ? 4u : 0u, m < modules ? 1u : 0u));
   EXPECT_EQ(s.done, 1);
 
-  get_array_data(d.v);
-  if (has_frame) {
-    const auto frame = d.sim.frame();
-    ASSERT_EQ(frame.size(), d.v->frame_size);
-    EXPECT_EQ(std::memcmp(d.v->sample_frame, frame.data(), frame.size_bytes()), 0);
-    for (int m = 0; m < modules; ++m)
-      for (int b = 0; b < 3; ++b)
-        for (int c = 0; c < 12; ++c)
-          ASSERT_GT(sum(chip_pixels(frame, m, b, c)), 0) << m << " " << b << " " << c;
-  } else {
-    EXPECT_EQ(d.v->adata.sample_frame, nullptr);
-  }
-  EXPECT_EQ(stop_acquire(d.v), STOPPED);
+  // Only the three- and four-board-row models have a frame segment to map.
+  const auto frame = d.sim.frame();
+  ASSERT_EQ(frame.size(), GetParam() == varkelTrio || GetParam() == varkelQuad ? d.v->frame_size : 0u);
+  EXPECT_EQ(d.v->adata.sample_frame == nullptr, frame.empty());
+  EXPECT_TRUE(frame.empty() || std::memcmp(d.v->sample_frame, frame.data(), frame.size_bytes()) == 0);
+  for (int c = 0; c < modules * 36 && !frame.empty(); ++c)
+    ASSERT_GT(chip_sum(frame, c), 0) << "chip index " << c;
 }
 
 INSTANTIATE_TEST_SUITE_P(Models, TypicalUse, ::testing::Values(kinlet, varkelLite, varkelTrio, varkelQuad),
-                         [](const auto& info) { return std::string(varkel::sim::model_name(info.param)); });
+                         [](const auto& info) { return std::string(sim::model_name(info.param)); });
 
-TEST(TypicalUseWithAMissingChip, ItsPositionReadsNoEfuseAndStaysDarkWhileTheRestCounts)
+// Module 2 lacks chip 30 (board 0, position 5); module 3's link never comes up.
+TEST(TypicalUseWithFaults, AMissingChipStaysDarkAndAModuleOffTheLinkDeliversNothing)
 {
-  Options o = model(varkelQuad);
-  o.missing = {{2, 30}}; // module 2, board 0, chip index 5
-  Detector d(o);
-  ASSERT_EQ(d.connect(), 0);
-  ASSERT_EQ(US_Select_MFB(d.v, 0, VARKEL_THREAD_MODULE2), 0);
-  ASSERT_EQ(read_mb_reg(d.v, 5 * 4096 + 0x18, VARKEL_THREAD_MODULE2), 0);
-  EXPECT_EQ(d.v->mb_reg[VARKEL_THREAD_MODULE2], 0);
-  ASSERT_EQ(read_mb_reg(d.v, 4 * 4096 + 0x18, VARKEL_THREAD_MODULE2), 0);
-  EXPECT_NE(d.v->mb_reg[VARKEL_THREAD_MODULE2], 0);
-  ASSERT_EQ(US_ImgChipNumberID(d.v, 5, VARKEL_THREAD_MODULE2), 0);
-  ASSERT_EQ(US_efuseID_RBV(d.v, VARKEL_THREAD_MODULE2), 0);
-  EXPECT_STREQ(d.v->varkelParam.efuseID, "0");
+  Detector d(options(varkelQuad, {}, {{2, 30}}));
+  ASSERT_EQ(d.connect_backend(), 0);
+  d.v->init_args.qpn[2] += 1;
+  ASSERT_EQ(d.connect_modules(), 0);
 
-  ASSERT_EQ(d.configure(kExposure, kPeriod, kExposures), 0);
-  ASSERT_EQ(prepare_varkel(d.v), 0);
-  ASSERT_EQ(d.acquire(), 0);
-  ASSERT_EQ(get_acqStatus_fromBackend(d.v), 0);
-  for (int m = 0; m < 4; ++m)
-    EXPECT_EQ(+d.v->acq_status_return.noOfFrames[m], uint64_t{kExposures});
-  get_array_data(d.v);
-  const std::span<const int32_t> copy(d.v->sample_frame, d.v->frame_size);
-  EXPECT_EQ(sum(chip_pixels(copy, 1, 0, 5)), 0);
-  EXPECT_GT(sum(chip_pixels(copy, 1, 0, 4)), 0);
-  EXPECT_GT(sum(chip_pixels(copy, 0, 0, 5)), 0);
+  // The efuse read-back names the selected chip's efuse register: 0 for none.
+  const auto two = VARKEL_THREAD_MODULE2;
+  for (int chip : {5, 4}) {
+    ASSERT_FALSE(US_ImgChipNumberID(d.v, chip, two) || US_efuseID_RBV(d.v, two) ||
+                 read_mb_reg(d.v, chip * 4096 + 0x18, two));
+    EXPECT_EQ(std::strtol(d.v->varkelParam.efuseID, nullptr, 16), d.v->mb_reg[two]) << chip;
+    EXPECT_EQ(d.v->mb_reg[two] == 0, chip == 5) << chip;
+  }
+
+  const uint64_t taken = d.sim.module(3).exposures_taken;
+  ASSERT_TRUE(d.run(4));
+  EXPECT_EQ(d.sim.module(3).exposures_taken - taken, 4u); // it did expose
+  const acqStatusArgs& s = d.v->acq_status_return;
+  const std::span<const int32_t> frame(d.v->sample_frame, d.v->frame_size);
+  for (int m = 0; m < 4; ++m) {
+    EXPECT_EQ(std::tuple(+s.noOfFrames[m], +s.noOfAquisitions[m]), std::tuple(m == 2 ? 0u : 4u, m == 2 ? 0u : 1u)) << m;
+    EXPECT_EQ(chip_sum(frame, m * 36 + 5) > 0, m != 1 && m != 2) << m;
+  }
+  EXPECT_GT(chip_sum(frame, 36 + 4), 0);
 }
 
 // Each controller takes 2 ms per reply: connecting the four modules one after
 // another pays 56 of them, connecting them side by side about a quarter of that.
 TEST(TypicalUseWithLatency, ModulesConnectSideBySide)
 {
-  Options o = model(varkelQuad);
-  o.latency = 2000us;
-  Detector d(o);
-  ASSERT_EQ(varkel_connect_backend(d.v, "127.0.0.1", d.sim.data_port()), 0);
-
-  varkel_t* one_by_one = varkel_new(varkelQuad);
-  one_by_one->init_args = d.v->init_args;
+  Detector d(options(varkelQuad, 2000us));
+  ASSERT_EQ(d.connect_backend(), 0);
   auto t0 = std::chrono::steady_clock::now();
   for (int m = 0; m < 4; ++m)
-    ASSERT_EQ(varkel_init(one_by_one, m, "127.0.0.1", d.sim.module_port(m + 1)), 0);
+    ASSERT_EQ(varkel_init(d.v, m, "127.0.0.1", d.sim.module_port(m + 1)), 0);
   const auto sequential = std::chrono::steady_clock::now() - t0;
-  varkel_delete(one_by_one);
-
-  std::vector<const char*> hosts(4, "127.0.0.1");
-  std::vector<uint16_t> ports;
-  for (int m = 1; m <= 4; ++m)
-    ports.push_back(d.sim.module_port(m));
   t0 = std::chrono::steady_clock::now();
-  ASSERT_EQ(varkel_connect(d.v, hosts.data(), ports.data()), 0);
+  ASSERT_EQ(d.connect_modules(), 0);
   const auto parallel = std::chrono::steady_clock::now() - t0;
-
   EXPECT_GE(sequential, 56 * 2ms);
   EXPECT_LT(parallel, sequential / 2) << "parallel " << parallel.count() << " sequential " << sequential.count();
 
-  ASSERT_EQ(d.configure(kExposure, kPeriod, 2), 0);
-  ASSERT_EQ(prepare_varkel(d.v), 0);
-  ASSERT_EQ(d.acquire(), 0);
-  ASSERT_EQ(get_acqStatus_fromBackend(d.v), 0);
+  ASSERT_TRUE(d.run(2));
   for (int m = 0; m < 4; ++m)
     EXPECT_EQ(+d.v->acq_status_return.noOfFrames[m], 2u);
 }
+
+// Every value read back runs through the simulator's reply and the library's parse.
+TEST(Controls, EveryReadBackLandsInTheHandle)
+{
+  Detector d(options(varkelTrio));
+  ASSERT_TRUE(d.connect());
+  varkel_t* v = d.v;
+  ASSERT_EQ(US_AcquireTime(v, .25f) | US_AcquirePeriod(v, .5f) | US_NumExposures(v, 7) |
+                US_ReadCounter(v, VARKEL_COUNTER_HIGH) | US_DiscardData(v, true) | select_chipNumber(v, 18) |
+                US_SoftawareTrigger(v, 1),
+            0);
+  ASSERT_EQ(US_AcquireTime_RBV(v) | US_AcquirePeriod_RBV(v) | US_NumExposures_RBV(v) | US_ReadCounter_RBV(v) |
+                US_DiscardData_RBV(v) | select_board_rbv(v) | US_ImgChipNumberID_RBV(v) | US_DetectorState_RBV(v) |
+                US_Acquire_RBV(v) | US_ImageMode(v, VARKEL_IMAGE_MODE_CONTINUOUS),
+            0);
+  const auto& a = v->acquireParam;
+  const auto& p = v->varkelParam;
+  EXPECT_EQ(std::tuple(+a.acquireTime, +a.acquirePeriod, +a.numExposures, p.read_counter, p.discard_data, p.image_mode,
+                       p.software_trigger),
+            std::tuple(.25f, .5f, 7u, VARKEL_COUNTER_HIGH, true, VARKEL_IMAGE_MODE_CONTINUOUS, true));
+  EXPECT_EQ(std::tuple(+v->sensor_pos.mfb, +v->sensor_pos.chipId, std::string(a.detectorState), a.acquireState),
+            std::tuple(1, 5, std::string("Idle"), false));
+  EXPECT_TRUE(US_SoftawareTrigger(v, 0) == 0 && !p.software_trigger);
+}
+
+// A controller answers what it cannot do with a JSON-RPC error, handed over as the result text.
+TEST(Controls, RefusedCommandsComeBackAsJsonRpcErrors)
+{
+  Detector d(options(varkelLite));
+  ASSERT_TRUE(d.connect());
+  const std::pair<const char*, const char*> cases[] = {
+      {"HS_NoSuchCommand 1", "\"code\": -32601"},
+      {"SelectMedipixBoard_Command 1 2", "No Medipix board 2"}, // one board on this model
+      {"HS_AcquireTime_Command 2 0", "\"code\": -32602"},
+      {"HS_NumExposures_Command 1 0", "at least 1"},
+  };
+  for (const auto& [command, expected] : cases) {
+    char reply[1024];
+    ASSERT_EQ(query_and_cache(d.v, VARKEL_THREAD_MODULE1, reply, "%s", command), 0) << command;
+    EXPECT_NE(std::strstr(reply, expected), nullptr) << command << " -> " << reply;
+  }
+}
+
+// Twelve seconds long, and the library's timer (exposures x time) would fire after
+// ten: the test is over long before either, even under a sanitizer.
+TEST(Controls, AStoppedAcquisitionStopsCountingFrames)
+{
+  Detector d(options(varkelQuad));
+  ASSERT_TRUE(d.connect() && d.configure(0.05f, 0.06f, 200) && prepare_varkel(d.v) == 0 && execute_acquire(d.v) == 0);
+  const acqStatusArgs& s = d.v->acq_status_return;
+  for (auto end = std::chrono::steady_clock::now() + 10s;
+       s.noOfFrames[0] < 2 && std::chrono::steady_clock::now() < end;)
+    ASSERT_EQ(get_acqStatus_fromBackend(d.v), 0);
+  ASSERT_GE(+s.noOfFrames[0], 2u);
+  EXPECT_EQ(s.done, 0);
+  ASSERT_EQ(US_DetectorState_RBV(d.v), 0);
+  EXPECT_STREQ(d.v->acquireParam.detectorState, "Acquiring");
+
+  EXPECT_EQ(stop_acquire(d.v), STOPPED);
+  ASSERT_EQ(get_acqStatus_fromBackend(d.v), 0);
+  const acqStatusArgs at_stop = s;
+  std::this_thread::sleep_for(180ms); // three more periods: nothing may arrive after the stop
+  ASSERT_EQ(get_acqStatus_fromBackend(d.v), 0);
+  for (int m = 0; m < 4; ++m)
+    EXPECT_EQ(std::pair(+s.noOfFrames[m], at_stop.noOfFrames[m] < 200), std::pair(+at_stop.noOfFrames[m], true)) << m;
+  EXPECT_EQ(s.done, 1);
+  EXPECT_EQ(send_stopAcquire_toBackend(d.v), 0);
+  EXPECT_EQ(d.v->ack.type, 0);
+  const itimerval off{}; // stop_acquire leaves the timer armed: its signal must not cut into a later test
+  setitimer(ITIMER_REAL, &off, nullptr);
+}
+
+// The last arguments ACKed save during a second acquisition: only its frames count.
+TEST(Controls, TheDataServerJudgesTheArgumentsAndCountsWhatWasSaved)
+{
+  Detector d(options(varkelTrio));
+  ASSERT_TRUE(d.connect() && d.run(3));
+  // Save mode, file, captures, acquisition mode (-1: the readout mode's), reply code, NAK error.
+  const std::tuple<uint8_t, const char*, int, int, int, uint8_t> cases[] = {
+      {NO_SAVE, "Random string.", 0, -1, 0, 0},
+      {SAVE_DURING, "/no-such-folder/run.h5", 3, -1, -3, INVALID_SAVE_PATH},
+      {SAVE_DURING, "/run.h5", 0, -1, -3, INVALID_NUM_OF_ACQUISITIONS},
+      {SAVE_AFTER, "/run.h5", 3, -1, 0, 0},
+      {NO_SAVE, "Random string.", 1, 7, -3, INVALID_AQUISITION_MODE},
+      {SAVE_DURING, "/run.h5", 1, -1, 0, 0},
+  };
+  for (const auto& [save, path, captures, mode, rc, nak] : cases) {
+    ASSERT_EQ(update_backend_acqArgs(d.v, VARKEL_MEDIPIX_MODE_DEFAULT, false, save, true, 1, 5), 0);
+    ASSERT_EQ(set_file_name_template(d.v, path), 0);
+    d.v->acquireParam.numCapture = captures;
+    if (mode >= 0)
+      d.v->acq_args.aquisitionMode = static_cast<uint8_t>(mode);
+    EXPECT_EQ(send_acqArgs_toBackend(d.v), rc) << path << " " << captures;
+    EXPECT_EQ(d.v->ack.error, nak) << path << " " << captures;
+  }
+  ASSERT_TRUE(d.acquire());
+  uint64_t saved = 0;
+  ASSERT_EQ(get_saveStatus_fromBackend(d.v, &saved), 0);
+  EXPECT_EQ(std::tuple(saved, +d.v->saveargs.done, +d.v->saveargs.savedFrameNum), std::tuple(1u, +DONE, 3u));
+  EXPECT_EQ(abort_save(d.v), 0);
+
+  char path[] = "/tmp/varkel-e2e-geometry-XXXXXX";
+  close(mkstemp(path));
+  std::ofstream(path) << R"({"modules": 1})";
+  EXPECT_EQ(send_geometryFile_toBackend(d.v, path), 0);
+  unlink(path);
+}
+
+// Some replies make the library end the process with status 0: within a test, a failure.
+[[maybe_unused]] const int exit_guard = std::atexit([] {
+  if (testing::UnitTest::GetInstance()->current_test_info() != nullptr)
+    std::_Exit(1);
+});
 
 } // namespace
