@@ -16,14 +16,20 @@ bool is_word(const char* value) { return value != nullptr && *value != '\0' && s
 
 unsigned as_number(int n) { return static_cast<unsigned>(n); }
 
-} // namespace
-
-int send_transportParams(varkel_t* varkel, int init_arg, const char* value, varkel_thread_t owner)
+// "<template> number value": a numbered register or parameter and its value word.
+int write_numbered(varkel_t* varkel, const char* cmd, int number, const char* value, varkel_thread_t owner)
 {
   assert(varkel != NULL);
   if (!is_word(value))
     return -3;
-  return query_status(varkel, owner, CMD_TRANSPORT_ROCE, as_number(init_arg), value);
+  return query_status(varkel, owner, cmd, as_number(number), value);
+}
+
+} // namespace
+
+int send_transportParams(varkel_t* varkel, int init_arg, const char* value, varkel_thread_t owner)
+{
+  return write_numbered(varkel, CMD_TRANSPORT_ROCE, init_arg, value, owner);
 }
 
 int send_configureTransport(varkel_t* varkel, varkel_thread_t owner)
@@ -34,10 +40,7 @@ int send_configureTransport(varkel_t* varkel, varkel_thread_t owner)
 
 int write_tb_reg(varkel_t* varkel, int init_arg, const char* value, varkel_thread_t owner)
 {
-  assert(varkel != NULL);
-  if (!is_word(value))
-    return -3;
-  return query_status(varkel, owner, CMD_WRITE_TB_REG, as_number(init_arg), value);
+  return write_numbered(varkel, CMD_WRITE_TB_REG, init_arg, value, owner);
 }
 
 int read_tb_reg(varkel_t* varkel, int addr_reg, varkel_thread_t owner)
@@ -47,10 +50,7 @@ int read_tb_reg(varkel_t* varkel, int addr_reg, varkel_thread_t owner)
 
 int write_mb_reg(varkel_t* varkel, int addr_reg, const char* value, varkel_thread_t owner)
 {
-  assert(varkel != NULL);
-  if (!is_word(value))
-    return -3;
-  return query_status(varkel, owner, CMD_WRITE_MB_REG, as_number(addr_reg), value);
+  return write_numbered(varkel, CMD_WRITE_MB_REG, addr_reg, value, owner);
 }
 
 int read_mb_reg(varkel_t* varkel, int addr_reg, varkel_thread_t owner)
