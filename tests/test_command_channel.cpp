@@ -87,7 +87,7 @@ TEST_F(Channel, ResultTextOfEachReplyForm)
   };
   for (const auto& [reply, text] : cases) {
     FakeDetector fresh(kinlet);
-    fresh.answer_all([&](const Request&) { return reply; });
+    fresh.answer_all([&reply = reply](const Request&) { return reply; });
     char result[1024];
     std::memset(result, 'z', sizeof result);
     ASSERT_EQ(query_and_cache(fresh.handle(), result, "%s", "Q"), 0) << text;
