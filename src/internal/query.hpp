@@ -76,6 +76,24 @@ int write_and_store(varkel_t* v, bool valid, Field& field, Field value, const ch
   return rc;
 }
 
+// The read-back form on the main channel: the reply scanned with `scan` (one
+// conversion into a T) is cached in `field`; a reply that does not parse leaves
+// it alone. Returns the query code.
+template <typename T, typename Field, typename... Args>
+int read_into(varkel_t* v, const char* scan, Field& field, const char* cmd, Args... args)
+{
+  assert(v != NULL);
+  return query_scan<T>(v, VARKEL_THREAD_MAIN, scan, [&](T x) { field = static_cast<Field>(x); }, cmd, args...);
+}
+
+// The set form whose reply echoes the value: -3 when refused (nothing sent), else
+// the query code; the echoed value is cached in `field` as read_into does.
+template <typename T, typename Field>
+int write_echo_into(varkel_t* v, bool valid, const char* scan, Field& field, const char* cmd, unsigned value)
+{
+  return valid ? read_into<T>(v, scan, field, cmd, 1u, value) : -3;
+}
+
 // The read-back form of a template whose reply is not read: the query code.
 inline int read_back(varkel_t* v, const char* cmd)
 {

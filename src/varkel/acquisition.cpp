@@ -66,8 +66,7 @@ int US_Acquire(varkel_t* varkel, bool action) { return write_checked(varkel, tru
 int US_Acquire_RBV(varkel_t* varkel)
 {
   assert(varkel != NULL);
-  return query_scan<int>(varkel, kMain, "%d", [&](int a) { varkel->acquireParam.acquireState = a != 0; },
-                         CMD_ACQUIRE, 0u, 0u);
+  return read_into<int>(varkel, "%d", varkel->acquireParam.acquireState, CMD_ACQUIRE, 0u, 0u);
 }
 
 int US_DetectorState_RBV(varkel_t* varkel)
@@ -85,8 +84,7 @@ int US_DetectorState_RBV(varkel_t* varkel)
 int US_TimeRemaining_RBV(varkel_t* varkel)
 {
   assert(varkel != NULL);
-  return query_scan<float>(varkel, kMain, "%f seconds left", [&](float s) { varkel->acquireParam.timeRemaining = s; },
-                           CMD_TIME_REMAINING);
+  return read_into<float>(varkel, "%f seconds left", varkel->acquireParam.timeRemaining, CMD_TIME_REMAINING);
 }
 
 int US_SoftawareTrigger(varkel_t* varkel, int software_trigger)

@@ -29,29 +29,25 @@ int64_t to_microseconds(float s) { return static_cast<int64_t>(static_cast<doubl
 int US_AcquireTime(varkel_t* varkel, float acquire_time_s)
 {
   assert(varkel != NULL);
-  if (!valid_acquire_time(acquire_time_s))
-    return -3;
-  const auto us = static_cast<uint32_t>(to_microseconds(acquire_time_s));
-  return query_scan<float>(varkel, kMain, "AcquireTime set with %f seconds",
-                           [&](float s) { varkel->acquireParam.acquireTime = s; }, CMD_ACQUIRE_TIME, 1u, us);
+  const bool valid = valid_acquire_time(acquire_time_s);
+  return write_echo_into<float>(varkel, valid, "AcquireTime set with %f seconds", varkel->acquireParam.acquireTime,
+                                CMD_ACQUIRE_TIME, valid ? static_cast<uint32_t>(to_microseconds(acquire_time_s)) : 0u);
 }
 
 int US_AcquireTime_RBV(varkel_t* varkel)
 {
   assert(varkel != NULL);
-  return query_scan<float>(varkel, kMain, "%f", [&](float s) { varkel->acquireParam.acquireTime = s; },
-                           CMD_ACQUIRE_TIME, 0u, 0u);
+  return read_into<float>(varkel, "%f", varkel->acquireParam.acquireTime, CMD_ACQUIRE_TIME, 0u, 0u);
 }
 
 int US_AcquirePeriod(varkel_t* varkel, float acq_period_time_s)
 {
   assert(varkel != NULL);
-  if (!valid_period(acq_period_time_s))
-    return -3;
-  const auto us = static_cast<int32_t>(to_microseconds(acq_period_time_s));
-  return query_scan<float>(varkel, kMain, "AcquirePeriod set to %f second(s)",
-                           [&](float s) { varkel->acquireParam.acquirePeriod = s; }, CMD_ACQUIRE_PERIOD, 1u,
-                           static_cast<unsigned>(us));
+  // The period travels as a signed 32-bit number of microseconds.
+  const bool valid = valid_period(acq_period_time_s);
+  const int32_t us = valid ? static_cast<int32_t>(to_microseconds(acq_period_time_s)) : 0;
+  return write_echo_into<float>(varkel, valid, "AcquirePeriod set to %f second(s)", varkel->acquireParam.acquirePeriod,
+                                CMD_ACQUIRE_PERIOD, static_cast<unsigned>(us));
 }
 
 int US_AcquirePeriod_RBV(varkel_t* varkel)
@@ -66,27 +62,21 @@ int US_AcquirePeriod_RBV(varkel_t* varkel)
 int US_NumExposures(varkel_t* varkel, int num_exposures)
 {
   assert(varkel != NULL);
-  if (num_exposures < 1)
-    return -3;
-  return query_scan<int>(varkel, kMain, "Number of Exposures set to %d",
-                         [&](int n) { varkel->acquireParam.numExposures = static_cast<uint32_t>(n); },
-                         CMD_NUM_EXPOSURES, 1u, static_cast<unsigned>(num_exposures));
+  return write_echo_into<int>(varkel, num_exposures >= 1, "Number of Exposures set to %d",
+                              varkel->acquireParam.numExposures, CMD_NUM_EXPOSURES, static_cast<unsigned>(num_exposures));
 }
 
 int US_NumExposures_RBV(varkel_t* varkel)
 {
   assert(varkel != NULL);
-  return query_scan<int>(varkel, kMain, "%d",
-                         [&](int n) { varkel->acquireParam.numExposures = static_cast<uint32_t>(n); },
-                         CMD_NUM_EXPOSURES, 0u, 255u);
+  return read_into<int>(varkel, "%d", varkel->acquireParam.numExposures, CMD_NUM_EXPOSURES, 0u, 255u);
 }
 
 int US_NumExposuresCounter_RBV(varkel_t* varkel)
 {
   assert(varkel != NULL);
   auto& p = varkel->acquireParam;
-  const int rc = query_scan<int>(varkel, kMain, "%d", [&](int n) { p.numExposuresTotal = static_cast<uint32_t>(n); },
-                                 CMD_NUM_EXPOSURES_COUNT);
+  const int rc = read_into<int>(varkel, "%d", p.numExposuresTotal, CMD_NUM_EXPOSURES_COUNT);
   if (rc == 0 && initial_exposure_counter > 0)
     p.numExposuresCounter = p.numExposuresTotal - static_cast<uint32_t>(initial_exposure_counter);
   return rc;
@@ -122,9 +112,7 @@ int US_ReadCounter_RBV(varkel_t* varkel)
 int US_ImageMode_RBV(varkel_t* varkel)
 {
   assert(varkel != NULL);
-  return query_scan<int>(varkel, kMain, "%d",
-                         [&](int m) { varkel->varkelParam.image_mode = static_cast<varkel_image_mode_t>(m); },
-                         CMD_IMAGE_MODE, 0u, 0u);
+  return read_into<int>(varkel, "%d", varkel->varkelParam.image_mode, CMD_IMAGE_MODE, 0u, 0u);
 }
 
 int US_ImageMode(varkel_t* varkel, uint8_t image_mode)
@@ -132,25 +120,21 @@ int US_ImageMode(varkel_t* varkel, uint8_t image_mode)
   assert(varkel != NULL);
   if (!validate_image_mode(image_mode))
     return -3;
-  const int rc = query_scan<int>(varkel, kMain, "%d",
-                                 [&](int m) { varkel->varkelParam.image_mode = static_cast<varkel_image_mode_t>(m); },
-                                 CMD_IMAGE_MODE, 1u, static_cast<unsigned>(image_mode));
-  return rc | US_ImageMode_RBV(varkel);
+  return write_echo_into<int>(varkel, true, "%d", varkel->varkelParam.image_mode, CMD_IMAGE_MODE, image_mode) |
+         US_ImageMode_RBV(varkel);
 }
 
-namespace {
-
-int discard_data_query(varkel_t* varkel, unsigned action, unsigned value)
+int US_DiscardData(varkel_t* varkel, bool discard_data)
 {
   assert(varkel != NULL);
-  return query_scan<int>(varkel, kMain, "%d", [&](int d) { varkel->varkelParam.discard_data = d != 0; },
-                         CMD_DISCARDDATA, action, value);
+  return write_echo_into<int>(varkel, true, "%d", varkel->varkelParam.discard_data, CMD_DISCARDDATA, discard_data);
 }
 
-} // namespace
-
-int US_DiscardData(varkel_t* varkel, bool discard_data) { return discard_data_query(varkel, 1u, discard_data ? 1u : 0u); }
-int US_DiscardData_RBV(varkel_t* varkel) { return discard_data_query(varkel, 0u, 0u); }
+int US_DiscardData_RBV(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  return read_into<int>(varkel, "%d", varkel->varkelParam.discard_data, CMD_DISCARDDATA, 0u, 0u);
+}
 
 // The composite setters. A period of 0 lifts the time rule; with a non-zero
 // period the exposure time may be at most period - 0.7 ms, in single precision.
