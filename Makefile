@@ -28,7 +28,8 @@ test: build
 bench: deps
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVARKEL_WERROR=$(WERROR) >/dev/null
 	cmake --build build-bench -j $(JOBS) --target varkel_bench
-	./build-bench/bench/varkel_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+	./build-bench/bench/varkel_bench --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true \
+	  --benchmark_report_aggregates_only=true
 
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer.
 sanitize: deps
