@@ -19,12 +19,6 @@ using namespace varkel::detail;
 volatile sig_atomic_t start_polling = 0;
 int initial_exposure_counter = 0;
 
-namespace {
-
-constexpr varkel_thread_t kMain = VARKEL_THREAD_MAIN;
-
-} // namespace
-
 void timer_handler(int)
 {
   // Only async-signal-safe calls here.
