@@ -145,12 +145,6 @@ std::size_t FakeController::request_count() const
   return transcript_.size();
 }
 
-bool FakeController::wait_for_requests(std::size_t n, std::chrono::milliseconds timeout) const
-{
-  std::unique_lock lock(mutex_);
-  return arrived_.wait_for(lock, timeout, [&] { return transcript_.size() >= n; });
-}
-
 void FakeController::clear()
 {
   std::lock_guard lock(mutex_);
@@ -181,7 +175,6 @@ void FakeController::serve(int fd)
         std::lock_guard lock(mutex_);
         transcript_.push_back(std::move(request));
       }
-      arrived_.notify_all();
       std::this_thread::sleep_for(latency + reply.delay);
       switch (reply.action) {
       case Reply::Action::send:

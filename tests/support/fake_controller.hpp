@@ -4,7 +4,6 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -67,15 +66,12 @@ public:
   std::vector<Request> transcript() const;
   std::vector<std::string> commands() const;
   std::size_t request_count() const;
-  // Waits until `n` requests have arrived; false after `timeout`.
-  bool wait_for_requests(std::size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
   void clear();
 
 private:
   void serve(int fd);
 
   mutable std::mutex mutex_;
-  mutable std::condition_variable arrived_;
   Handler handler_;
   std::chrono::microseconds latency_{0};
   std::vector<Request> transcript_;
