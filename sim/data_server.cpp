@@ -1,6 +1,5 @@
 #include "data_server.hpp"
 
-#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <json-c/json.h>
@@ -16,20 +15,7 @@ constexpr std::size_t kRecord = 400;
 static_assert(sizeof(initArgs) == kRecord && sizeof(acqArgs) == kRecord && sizeof(acqStatusArgs) == kRecord &&
               sizeof(saveStatusArgs) == kRecord && sizeof(simpleArgs) == kRecord && sizeof(geometryArgs) == kRecord);
 
-// Receives exactly one record; false when the peer closed or failed first.
-bool receive_record(int fd, uint8_t* record)
-{
-  std::size_t got = 0;
-  while (got < kRecord) {
-    const ssize_t n = recv(fd, record + got, kRecord - got, 0);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return false;
-    got += static_cast<std::size_t>(n);
-  }
-  return true;
-}
+bool receive_record(int fd, uint8_t* record) { return varkel::loopback::receive_all(fd, record, kRecord); }
 
 template <typename Record> void put(uint8_t* out, const Record& r) { std::memcpy(out, &r, kRecord); }
 

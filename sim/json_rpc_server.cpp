@@ -1,5 +1,6 @@
 #include "json_rpc_server.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <json-c/json.h>
 #include <optional>
@@ -42,15 +43,48 @@ Parsed parse_request(json_object* obj)
   return p;
 }
 
-std::string command_text(const Call& call)
+// Puts `bytes` on the wire as `d` says; false when the connection is to end.
+bool deliver(int fd, const std::string& bytes, const Delivery& d)
 {
-  std::string text = call.method;
-  for (const auto& p : call.params)
-    text += " " + p;
-  return text;
+  using loopback::send_all;
+  std::this_thread::sleep_for(d.delay);
+  switch (d.mode) {
+  case Delivery::Mode::whole:
+    return send_all(fd, bytes.data(), bytes.size());
+  case Delivery::Mode::bytewise:
+    for (char c : bytes) {
+      if (!send_all(fd, &c, 1))
+        return false;
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+  case Delivery::Mode::split: {
+    const std::size_t at = std::min(d.split_at, bytes.size());
+    if (!send_all(fd, bytes.data(), at))
+      return false;
+    std::this_thread::sleep_for(d.tail_delay);
+    return send_all(fd, bytes.data() + at, bytes.size() - at);
+  }
+  case Delivery::Mode::silence:
+    return true;
+  case Delivery::Mode::reset:
+    loopback::arm_reset(fd);
+    return false;
+  case Delivery::Mode::close:
+    return false;
+  }
+  return false;
 }
 
 } // namespace
+
+std::string Call::command() const
+{
+  std::string text = method;
+  for (const auto& p : params)
+    text += " " + p;
+  return text;
+}
 
 std::string reply_text(const Answer& answer, const std::string& id_json)
 {
@@ -80,6 +114,7 @@ JsonRpcServer::~JsonRpcServer() { server_->stop(); }
 void JsonRpcServer::serve(int fd)
 {
   std::unique_ptr<json_tokener, decltype(&json_tokener_free)> tokener(json_tokener_new(), json_tokener_free);
+  std::string pending; // the bytes of a request object received in part
   char buf[4096];
   for (;;) {
     const ssize_t n = recv(fd, buf, sizeof buf, 0);
@@ -91,29 +126,38 @@ void JsonRpcServer::serve(int fd)
     // the previous object ended and waits for the rest of a split one.
     std::size_t offset = 0;
     while (offset < static_cast<std::size_t>(n)) {
-      json_object* obj = json_tokener_parse_ex(tokener.get(), buf + offset, static_cast<int>(n - offset));
+      const char* chunk = buf + offset;
+      const std::size_t size = static_cast<std::size_t>(n) - offset;
+      json_object* obj = json_tokener_parse_ex(tokener.get(), chunk, static_cast<int>(size));
       const json_tokener_error err = json_tokener_get_error(tokener.get());
-      if (err == json_tokener_continue)
+      if (err == json_tokener_continue) {
+        pending.append(chunk, size);
         break;
-      std::string reply;
+      }
+      Answer answer;
+      std::string id_json = "null";
       std::string command;
       if (err != json_tokener_success) {
-        reply = reply_text(Answer::error(kParseError, "Parse error"), "null");
-        json_tokener_reset(tokener.get());
+        answer = Answer::error(kParseError, "Parse error");
         offset = static_cast<std::size_t>(n); // drop the rest of what arrived
       } else {
         JsonPtr owner(obj, json_object_put);
-        offset += json_tokener_get_parse_end(tokener.get());
-        json_tokener_reset(tokener.get());
+        const std::size_t end = json_tokener_get_parse_end(tokener.get());
+        offset += end;
         Parsed p = parse_request(obj);
-        command = command_text(p.call);
-        reply = reply_text(p.refusal ? *p.refusal : handler_(p.call), p.id_json);
+        p.call.raw = pending.append(chunk, end);
+        command = p.call.command();
+        id_json = p.id_json;
+        answer = p.refusal ? *p.refusal : handler_(p.call);
       }
+      json_tokener_reset(tokener.get());
+      pending.clear();
+      const std::string reply = answer.raw ? *answer.raw : reply_text(answer, id_json);
       if (latency_.count() > 0)
         std::this_thread::sleep_for(latency_);
       if (log_)
         log_(command, reply);
-      if (!varkel::loopback::send_all(fd, reply.data(), reply.size()))
+      if (!deliver(fd, reply, answer.delivery))
         return;
     }
   }

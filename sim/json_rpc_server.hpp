@@ -1,11 +1,13 @@
 // A JSON-RPC 2.0 peer on the shared loopback plumbing: it splits each connection's
 // byte stream into request objects, hands method and parameters to a handler and
-// sends the handler's answer back as one reply.
+// sends the handler's answer back as one reply, or, when the handler says so, as
+// a hostile controller would (cut, dripped, withheld, or with the connection gone).
 #pragma once
 
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,16 +18,54 @@ namespace varkel::sim {
 struct Call {
   std::string method;
   std::vector<std::string> params; // the words of the command after the method
+  std::string raw;                 // the request's own bytes
+  // The command text: method and parameters joined by blanks.
+  std::string command() const;
 };
 
-// A "result" text, or an "error" with a JSON-RPC code.
+// How a reply goes on the wire.
+struct Delivery {
+  enum class Mode {
+    whole,    // in one send
+    bytewise, // one byte at a time, 200 us apart
+    split,    // split_at bytes, then the rest after tail_delay
+    silence,  // nothing; the connection stays open
+    close,    // nothing; the connection is closed
+    reset,    // nothing; the connection is reset
+  };
+  Mode mode = Mode::whole;
+  std::chrono::microseconds delay{0}; // before anything is sent
+  std::size_t split_at = 0;
+  std::chrono::microseconds tail_delay{0};
+};
+
+// A "result" text, or an "error" with a JSON-RPC code, or bytes sent as they are.
 struct Answer {
   bool ok = true;
   std::string text;
   int code = 0;
+  std::optional<std::string> raw; // when set, sent instead of a reply built from the above
+  Delivery delivery;
 
-  static Answer result(std::string text) { return {true, std::move(text), 0}; }
-  static Answer error(int code, std::string message) { return {false, std::move(message), code}; }
+  static Answer result(std::string text) { return make(true, std::move(text), 0); }
+  static Answer error(int code, std::string message) { return make(false, std::move(message), code); }
+  static Answer verbatim(std::string bytes, Delivery::Mode mode = Delivery::Mode::whole)
+  {
+    Answer a;
+    a.raw = std::move(bytes);
+    a.delivery.mode = mode;
+    return a;
+  }
+
+private:
+  static Answer make(bool ok, std::string text, int code)
+  {
+    Answer a;
+    a.ok = ok;
+    a.text = std::move(text);
+    a.code = code;
+    return a;
+  }
 };
 
 inline constexpr int kParseError = -32700;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <chrono>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdexcept>
@@ -36,10 +37,20 @@ LoopbackServer::~LoopbackServer() { stop(); }
 
 void LoopbackServer::accept_loop()
 {
+  // A failing accept (out of descriptors, say) would fail again at once: back off
+  // instead of spinning, doubling the pause up to 100 ms, and wake for a new
+  // connection or the stop.
+  int pause_ms = 0;
   while (!stopping_.load()) {
     const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0)
+    if (fd < 0) {
+      if (errno == EINTR || errno == ECONNABORTED)
+        continue;
+      pause_ms = std::clamp(pause_ms * 2, 1, 100);
+      std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms));
       continue;
+    }
+    pause_ms = 0;
     int one = 1;
     setsockopt(fd, IPPROTO_TCP, 1 /* TCP_NODELAY */, &one, sizeof one);
     std::lock_guard lock(mutex_);
@@ -79,6 +90,21 @@ bool send_all(int fd, const void* data, std::size_t size)
   const char* p = static_cast<const char*>(data);
   while (size > 0) {
     const ssize_t n = send(fd, p, size, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return false;
+    p += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+bool receive_all(int fd, void* data, std::size_t size)
+{
+  char* p = static_cast<char*>(data);
+  while (size > 0) {
+    const ssize_t n = recv(fd, p, size, 0);
     if (n < 0 && errno == EINTR)
       continue;
     if (n <= 0)

@@ -44,6 +44,9 @@ private:
 
 // Sends all of `data`; false when the peer has gone.
 bool send_all(int fd, const void* data, std::size_t size);
+// Receives exactly `size` bytes (one 400-byte record, say); false when the peer
+// closed or failed first.
+bool receive_all(int fd, void* data, std::size_t size);
 // Makes the next close of `fd` reset the connection (RST instead of FIN).
 void arm_reset(int fd);
 

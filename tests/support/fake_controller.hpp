@@ -1,6 +1,7 @@
-// A scripted detector controller: a JSON-RPC peer on loopback. It splits the
-// request stream into JSON objects, records each one, and answers it as the
-// test's handler says: a reply text sent whole, or one of the named failures.
+// A scripted detector controller: the simulator's JSON-RPC server with the
+// test's handler in place of the stateful one. It records each request and
+// answers it as the handler says: a reply text sent whole, or one of the named
+// failures of a hostile controller.
 #pragma once
 
 #include <chrono>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "json_rpc_server.hpp"
 #include "loopback_server.hpp"
 
 namespace varkel::testing {
@@ -18,29 +20,18 @@ using loopback::arm_reset;
 using loopback::LoopbackServer;
 using loopback::send_all;
 
-struct Request {
-  std::string raw;
-  std::string method;
-  std::vector<std::string> params;
-  // The command text the request carries: method and parameters joined by blanks.
-  std::string command() const;
-};
+// raw, method, params, and command(): method and parameters joined by blanks.
+using Request = sim::Call;
 
 // How the fake answers one request.
-struct Reply {
-  enum class Action { send, send_bytewise, silence, close, reset, split };
-  Action action = Action::send;
-  std::string text;
-  std::chrono::microseconds delay{0};      // before the reply
-  std::chrono::microseconds tail_delay{0}; // for split: between the two halves
-  std::size_t split_at = 0;                // for split: bytes of the first half
-
-  // {"jsonrpc":"2.0","result":"<text>","id":"..."}
+struct Reply : sim::Answer {
+  // {"jsonrpc":"2.0","result":"<text>","id":<the request's>}
   static Reply result(const std::string& text);
-  // {"jsonrpc":"2.0","error":{"code":-32601,"message":"<message>"},"id":"..."}
+  // {"jsonrpc":"2.0","error":{"code":-32601,"message":"<message>"},"id":<the request's>}
   static Reply error(const std::string& message);
   static Reply raw(std::string text);
   static Reply bytewise(std::string text);
+  // The first `at` bytes, the rest `tail_delay` later.
   static Reply split(std::string text, std::size_t at, std::chrono::microseconds tail_delay);
   static Reply silence();
   static Reply close();
@@ -69,13 +60,13 @@ public:
   void clear();
 
 private:
-  void serve(int fd);
+  sim::Answer answer(const Request& request);
 
   mutable std::mutex mutex_;
   Handler handler_;
   std::chrono::microseconds latency_{0};
   std::vector<Request> transcript_;
-  std::unique_ptr<LoopbackServer> server_;
+  std::unique_ptr<sim::JsonRpcServer> server_;
 };
 
 // Creates a TCP socket connected to 127.0.0.1:`port` with the library's helpers.

@@ -11,17 +11,7 @@ namespace varkel::testing {
 
 namespace {
 
-// Reads one whole record; false when the peer closes or fails first.
-bool read_record(int fd, Record& out)
-{
-  for (std::size_t got = 0; got < out.size();) {
-    const ssize_t n = recv(fd, out.data() + got, out.size() - got, 0);
-    if (n <= 0)
-      return false;
-    got += static_cast<std::size_t>(n);
-  }
-  return true;
-}
+bool read_record(int fd, Record& out) { return loopback::receive_all(fd, out.data(), out.size()); }
 
 // Puts `reply` on the wire; false when it ends the connection.
 bool answer(int fd, RecordReply reply)
