@@ -1,6 +1,5 @@
 #include "json_rpc_server.hpp"
 
-#include <algorithm>
 #include <cerrno>
 #include <json-c/json.h>
 #include <optional>
@@ -41,39 +40,6 @@ Parsed parse_request(json_object* obj)
       p.call.params.emplace_back(json_object_get_string(json_object_array_get_idx(words, i)));
   }
   return p;
-}
-
-// Puts `bytes` on the wire as `d` says; false when the connection is to end.
-bool deliver(int fd, const std::string& bytes, const Delivery& d)
-{
-  using loopback::send_all;
-  std::this_thread::sleep_for(d.delay);
-  switch (d.mode) {
-  case Delivery::Mode::whole:
-    return send_all(fd, bytes.data(), bytes.size());
-  case Delivery::Mode::bytewise:
-    for (char c : bytes) {
-      if (!send_all(fd, &c, 1))
-        return false;
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
-  case Delivery::Mode::split: {
-    const std::size_t at = std::min(d.split_at, bytes.size());
-    if (!send_all(fd, bytes.data(), at))
-      return false;
-    std::this_thread::sleep_for(d.tail_delay);
-    return send_all(fd, bytes.data() + at, bytes.size() - at);
-  }
-  case Delivery::Mode::silence:
-    return true;
-  case Delivery::Mode::reset:
-    loopback::arm_reset(fd);
-    return false;
-  case Delivery::Mode::close:
-    return false;
-  }
-  return false;
 }
 
 } // namespace
@@ -157,7 +123,7 @@ void JsonRpcServer::serve(int fd)
         std::this_thread::sleep_for(latency_);
       if (log_)
         log_(command, reply);
-      if (!deliver(fd, reply, answer.delivery))
+      if (!loopback::deliver(fd, reply.data(), reply.size(), answer.delivery))
         return;
     }
   }

@@ -23,21 +23,7 @@ struct Call {
   std::string command() const;
 };
 
-// How a reply goes on the wire.
-struct Delivery {
-  enum class Mode {
-    whole,    // in one send
-    bytewise, // one byte at a time, 200 us apart
-    split,    // split_at bytes, then the rest after tail_delay
-    silence,  // nothing; the connection stays open
-    close,    // nothing; the connection is closed
-    reset,    // nothing; the connection is reset
-  };
-  Mode mode = Mode::whole;
-  std::chrono::microseconds delay{0}; // before anything is sent
-  std::size_t split_at = 0;
-  std::chrono::microseconds tail_delay{0};
-};
+using loopback::Delivery;
 
 // A "result" text, or an "error" with a JSON-RPC code, or bytes sent as they are.
 struct Answer {

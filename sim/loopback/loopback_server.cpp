@@ -115,6 +115,53 @@ bool receive_all(int fd, void* data, std::size_t size)
   return true;
 }
 
+namespace {
+
+// Waits `d` unless the connection is shut down meanwhile (stop() must not wait out
+// a slow reply); data arriving from the peer does not cut the wait short.
+void pause(int fd, std::chrono::microseconds d)
+{
+  if (d.count() <= 0)
+    return;
+  pollfd p{fd, 0, 0};
+  const timespec ts{static_cast<time_t>(d.count() / 1000000), static_cast<long>(d.count() % 1000000) * 1000};
+  ppoll(&p, 1, &ts, nullptr);
+}
+
+} // namespace
+
+bool deliver(int fd, const void* data, std::size_t size, const Delivery& d)
+{
+  const char* bytes = static_cast<const char*>(data);
+  pause(fd, d.delay);
+  switch (d.mode) {
+  case Delivery::Mode::whole:
+    return send_all(fd, bytes, size);
+  case Delivery::Mode::bytewise:
+    for (std::size_t i = 0; i < size; ++i) {
+      if (!send_all(fd, bytes + i, 1))
+        return false;
+      pause(fd, std::chrono::microseconds(200));
+    }
+    return true;
+  case Delivery::Mode::split: {
+    const std::size_t at = std::min(d.split_at, size);
+    if (!send_all(fd, bytes, at))
+      return false;
+    pause(fd, d.tail_delay);
+    return send_all(fd, bytes + at, size - at);
+  }
+  case Delivery::Mode::silence:
+    return true;
+  case Delivery::Mode::reset:
+    arm_reset(fd);
+    return false;
+  case Delivery::Mode::close:
+    return false;
+  }
+  return false;
+}
+
 void arm_reset(int fd)
 {
   linger l{1, 0};

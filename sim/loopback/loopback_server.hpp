@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -42,6 +43,25 @@ private:
   std::thread acceptor_;
 };
 
+// How a reply goes on the wire: whole, or as a hostile peer would send it.
+struct Delivery {
+  enum class Mode {
+    whole,    // in one send
+    bytewise, // one byte at a time, 200 us apart
+    split,    // split_at bytes, then the rest after tail_delay
+    silence,  // nothing; the connection stays open
+    close,    // nothing; the connection is closed
+    reset,    // nothing; the connection is reset
+  };
+  Mode mode = Mode::whole;
+  std::chrono::microseconds delay{0}; // before anything is sent
+  std::size_t split_at = 0;
+  std::chrono::microseconds tail_delay{0};
+};
+
+// Puts `data` on the wire as `d` says; false when the session is to end (the
+// peer has gone, or a close or reset was asked for).
+bool deliver(int fd, const void* data, std::size_t size, const Delivery& d);
 // Sends all of `data`; false when the peer has gone.
 bool send_all(int fd, const void* data, std::size_t size);
 // Receives exactly `size` bytes (one 400-byte record, say); false when the peer

@@ -1,8 +1,8 @@
 #include "fake_data_server.hpp"
 
-#include <algorithm>
 #include <fcntl.h>
 #include <poll.h>
+#include <string>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,34 +14,41 @@ namespace {
 bool read_record(int fd, Record& out) { return loopback::receive_all(fd, out.data(), out.size()); }
 
 // Puts `reply` on the wire; false when it ends the connection.
-bool answer(int fd, RecordReply reply)
+bool answer(int fd, const RecordReply& reply)
 {
-  Record& r = reply.record;
+  using Mode = loopback::Delivery::Mode;
+  std::string bytes(reply.record.begin(), reply.record.end());
+  loopback::Delivery d;
   switch (reply.trigger) {
-  case Trigger::wrong_type:
-    r[0] = 4;
-    [[fallthrough]];
   case Trigger::none:
-    loopback::send_all(fd, r.data(), r.size());
-    return true;
-  case Trigger::oversized_record: {
-    std::array<uint8_t, 800> both;
-    both.fill(0xEE);
-    std::copy(r.begin(), r.end(), both.begin());
-    loopback::send_all(fd, both.data(), both.size());
-    return true;
-  }
+    break;
+  case Trigger::wrong_type:
+    bytes[0] = 4;
+    break;
+  case Trigger::oversized_record:
+    bytes.append(400, '\xEE');
+    break;
   case Trigger::short_record:
-    loopback::send_all(fd, r.data(), r.size() - 1);
+    bytes.pop_back();
+    loopback::deliver(fd, bytes.data(), bytes.size(), d);
+    return false;
+  case Trigger::split:
+    d = {Mode::split, {}, 100, std::chrono::milliseconds(100)};
+    break;
+  case Trigger::drip:
+    d.mode = Mode::bytewise;
+    break;
+  case Trigger::silence:
+    d.mode = Mode::silence;
     break;
   case Trigger::close:
+    d.mode = Mode::close;
     break;
   case Trigger::reset:
-    loopback::arm_reset(fd); // the close when the session returns sends the reset
-    return false;
+    d.mode = Mode::reset;
+    break;
   }
-  shutdown(fd, SHUT_WR);
-  return false;
+  return loopback::deliver(fd, bytes.data(), bytes.size(), d);
 }
 
 RecordReply default_reply(const Record& request)

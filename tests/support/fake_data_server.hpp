@@ -34,6 +34,9 @@ enum class Trigger {
   short_record,     // its first 399 bytes, then close
   oversized_record, // the record followed by 400 bytes of 0xEE (a stray second record)
   wrong_type,       // the record with its type byte replaced by 4
+  split,            // the first 100 bytes, the rest 100 ms later
+  drip,             // one byte at a time
+  silence,          // no answer; the connection stays open
   close,            // close without answering
   reset,            // reset the connection without answering
 };
