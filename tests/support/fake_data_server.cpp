@@ -123,7 +123,9 @@ void FakeDataServer::serve(int fd)
       std::lock_guard lock(mutex_);
       requests_.push_back(record);
     }
-    const RecordReply reply = handler_(record);
+    RecordReply reply = handler_(record);
+    if (spoiled_ != Trigger::none)
+      reply.trigger = spoiled_;
     // Nothing may arrive while the reply is owed: the library waits for it.
     pollfd p{fd, POLLIN, 0};
     if (window_ms_ > 0 && poll(&p, 1, window_ms_) > 0)

@@ -74,6 +74,8 @@ public:
   uint16_t port() const { return server_.port(); }
   // Spoils the greeting of the connections accepted from now on.
   void spoil_greeting(Trigger t) { greeting_ = t; }
+  // Spoils every reply from now on, whatever the handler answers.
+  void spoil_replies(Trigger t) { spoiled_ = t; }
   // Before each reply the fake watches the connection for this long: a request
   // arriving meanwhile means two exchanges overlapped on the socket.
   void set_reply_window(std::chrono::milliseconds window) { window_ms_ = static_cast<int>(window.count()); }
@@ -90,7 +92,7 @@ private:
   mutable std::mutex mutex_;
   mutable std::condition_variable acked_;
   const Handler handler_;
-  std::atomic<Trigger> greeting_{Trigger::none};
+  std::atomic<Trigger> greeting_{Trigger::none}, spoiled_{Trigger::none};
   std::atomic<int> window_ms_{0}, overlaps_{0};
   std::atomic<bool> recording_{true};
   std::vector<Record> requests_, acks_;

@@ -1,0 +1,57 @@
+// What a test checks of its own process: that it does not end inside a test
+// (some replies make the library end it with status 0, which would pass
+// silently), and how many descriptors it holds.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include "varkel.h"
+
+namespace varkel::testing {
+
+inline bool g_exit_expected = false;
+inline varkel_t* g_exiting_handle = nullptr;
+
+inline void fail_unexpected_exit()
+{
+  if (::testing::UnitTest::GetInstance()->current_test_info() != nullptr && !g_exit_expected) {
+    std::fputs("\nthe process ended inside a test\n", stderr);
+    _exit(1);
+  }
+}
+// The test registry is made first, so it is still there when the check runs.
+inline const bool g_exit_guard =
+    ::testing::UnitTest::GetInstance() != nullptr && std::atexit(fail_unexpected_exit) == 0;
+
+// In a death test's child: runs `step`, which is to end the process. What it
+// prints reaches the checked stream, followed by the state of the data-server
+// lock and socket at the end: "<lock free, socket closed>" and the like.
+template <typename Step> void run_until_exit(varkel_t* v, Step&& step)
+{
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+  g_exit_expected = true;
+  g_exiting_handle = v;
+  std::atexit([] {
+    std::fflush(stdout);
+    const bool free = pthread_mutex_trylock(&g_exiting_handle->backend_socket_mutex) == 0;
+    std::fprintf(stderr, "<lock %s, socket %s>", free ? "free" : "held",
+                 g_exiting_handle->backend_socket == -1 ? "closed" : "open");
+  });
+  step(v);
+}
+
+// Descriptors this process holds open.
+inline int open_descriptors()
+{
+  int n = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    ++n;
+  return n;
+}
+
+} // namespace varkel::testing
