@@ -1,6 +1,7 @@
 // Acquisition parameters, run, timing and stop against fake controllers.
 #include <chrono>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
@@ -73,6 +74,8 @@ TEST_F(Acquisition, EachOperationSendsItsTextAndCachesItsReply)
       {"exposure 0.7 s truncates", [](varkel_t* v) { return US_AcquireTime(v, 0.7f); },
        "HS_AcquireTime_Command 1 699999", "AcquireTime set with 0.699999 seconds and more",
        [](const varkel_t* v) { return std::fabs(v->acquireParam.acquireTime - 0.699999f) < 1e-7f; }},
+      {"exposure 0 s", [](varkel_t* v) { return US_AcquireTime(v, 0.0f); }, "HS_AcquireTime_Command 1 0",
+       "AcquireTime set with 0.000000 seconds", [](const varkel_t* v) { return v->acquireParam.acquireTime == 0.0f; }},
       {"exposure 0.1 s", [](varkel_t* v) { return US_AcquireTime(v, 0.1f); }, "HS_AcquireTime_Command 1 100000", "x",
        [](const varkel_t* v) { return v->acquireParam.acquireTime == 0.0f; }},
       {"exposure read-back", US_AcquireTime_RBV, "HS_AcquireTime_Command 0 0", "0.250000",
@@ -163,13 +166,35 @@ TEST_F(Acquisition, RefusedArgumentsSendNothing)
       {"infinite period", [&] { return set_periodTime(v, INFINITY); }},
       {"period of 2^31 us", [&] { return US_AcquirePeriod(v, 2147.4839f); }},
       {"no exposures", [&] { return set_numberExposures(v, 0); }},
+      {"no exposures on one module", [&] { return US_NumExposures(v, 0); }},
       {"negative exposures", [&] { return US_NumExposures(v, -5); }},
   };
+  const varkel_acquire_params_t params = v->acquireParam;
+  const varkel_params_t settings = v->varkelParam;
   for (const auto& [name, call] : refusals)
     EXPECT_EQ(call(), -3) << name;
   EXPECT_EQ(define_master_module(v, 5, false, VARKEL_TRIGGER_MODE_INTERNAL), -7);
   EXPECT_EQ(define_master_module(v, 0, false, VARKEL_TRIGGER_MODE_INTERNAL), -7);
   EXPECT_TRUE(sent().empty());
+
+  // Writes the controller never answers fail and leave the cache as it was, as
+  // refusals do.
+  failing_module = 4;
+  const std::vector<std::pair<const char*, std::function<int()>>> writes = {
+      {"exposure", [&] { return US_AcquireTime(v, 0.5f); }},
+      {"period", [&] { return US_AcquirePeriod(v, 0.5f); }},
+      {"exposures", [&] { return US_NumExposures(v, 5); }},
+      {"trigger mode", [&] { return US_TriggerMode(v, VARKEL_TRIGGER_MODE_EXTERNAL_NEG_EDGE); }},
+      {"read counter", [&] { return US_ReadCounter(v, VARKEL_COUNTER_HIGH); }},
+      {"image mode", [&] { return US_ImageMode(v, VARKEL_IMAGE_MODE_CONTINUOUS); }},
+      {"discard data", [&] { return US_DiscardData(v, true); }},
+      {"software trigger", [&] { return US_SoftawareTrigger(v, 1); }},
+      {"trigger output", [&] { return trigger_out(v, VARKEL_TRIGGER_OUT_ACQ_MBALL); }},
+  };
+  for (const auto& [name, call] : writes)
+    EXPECT_NE(call(), 0) << name;
+  EXPECT_EQ(std::memcmp(&params, &v->acquireParam, sizeof params), 0);
+  EXPECT_EQ(std::memcmp(&settings, &v->varkelParam, sizeof settings), 0);
 }
 
 TEST_F(Acquisition, ExposureTimeRespectsThePeriodGap)
@@ -245,6 +270,7 @@ TEST_F(Acquisition, StartsModuleOneAloneOrEveryModuleWithSoftwareTrigger)
   v->acquireParam.numExposuresTotal = 17;
   EXPECT_EQ(execute_acquire(v), 0);
   EXPECT_EQ(sent(), std::vector<std::string>{"1:HS_Acquire_Command 1 1"});
+  EXPECT_EQ(start_polling, 1); // no exposure time: polling starts at once
   EXPECT_EQ(initial_exposure_counter, 17);
   EXPECT_EQ(v->acquireParam.acquireStatus, ACQUIRING);
 
@@ -293,8 +319,8 @@ TEST_F(Acquisition, TimerArmsWholeSecondsFromOneSecondOnAndNothingForNoTime)
     float seconds;
     long armed_us;
   };
-  // 10 x 0.05 s, 3 x 0.9 s (the fraction dropped), 0.25 s.
-  for (const Case c : {Case{10 * 0.05f, 500000}, Case{3 * 0.9f, 2000000}, Case{0.25f, 250000}}) {
+  // 10 x 0.05 s, 3 x 0.9 s (the fraction dropped), 1 s, 0.25 s.
+  for (const Case c : {Case{10 * 0.05f, 500000}, Case{3 * 0.9f, 2000000}, Case{1.0f, 1000000}, Case{0.25f, 250000}}) {
     wait_toStart_polling(c.seconds);
     itimerval armed{};
     getitimer(ITIMER_REAL, &armed);

@@ -76,12 +76,16 @@ TEST_F(Channel, PrintsEachRequestAndReplyWithItsChannel)
 TEST_F(Channel, FailuresReturnTheirCodesAndLeaveTheResult)
 {
   char result[1024] = "untouched";
-  // 512 characters or more as a command; under 512 but over 511 as a request.
-  EXPECT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE1, result, "%s %s", std::string(300, 'w').c_str(),
-                            std::string(300, 'w').c_str()),
-            EOVERFLOW);
+  // A command of 512 characters is refused whole, 511 go out (words past the
+  // fourth parameter are dropped from the request); a command under 512 whose
+  // request would be over 511 is refused too.
+  const std::string longest = "M a b c d " + std::string(501, 'w');
+  EXPECT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE1, result, "%sw", longest.c_str()), EOVERFLOW);
   EXPECT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE1, result, "M %s p", std::string(420, 'w').c_str()), EOVERFLOW);
   EXPECT_EQ(det.module(1).request_count(), 0u);
+  EXPECT_STREQ(result, "untouched");
+  EXPECT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE1, result, "%s", longest.c_str()), 0);
+  EXPECT_EQ(det.module(1).commands(), std::vector<std::string>{"M a b c d"});
 
   varkel_t* fresh = varkel_new(varkelQuad); // channels never connected
   EXPECT_EQ(query_and_cache(fresh, VARKEL_THREAD_MODULE1, result, "%s", "A"), ENOTCONN);
@@ -193,15 +197,20 @@ TEST_F(Trace, LinesOfConcurrentModuleThreadsStayWhole)
     EXPECT_TRUE(std::regex_match(lines[i], whole)) << lines[i];
 }
 
-TEST(PrintDebug, EscapesEveryByteThatIsNotPrintable)
+TEST(PrintDebug, EscapesEveryByteThatIsNotPrintableAndWritesEachLineOnce)
 {
-  FILE* f = tmpfile();
+  // Each write on a packet socket is one packet: the line must be the first one,
+  // whole, even from an unbuffered stream.
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair), 0);
+  FILE* f = fdopen(pair[0], "w");
+  setvbuf(f, nullptr, _IONBF, 0);
   print_debug(f, "[X]", "a b\r\n\x01\t\xe9~");
   print_debug(nullptr, "[X]", "ignored");
-  std::rewind(f);
-  char line[256] = {};
-  ASSERT_NE(std::fgets(line, sizeof line, f), nullptr);
   std::fclose(f);
+  char line[256] = {};
+  ASSERT_GT(recv(pair[1], line, sizeof line - 1, 0), 0);
+  close(pair[1]);
   EXPECT_TRUE(std::regex_search(line, kStamp));
   EXPECT_STREQ(line + 13, "[X] a b\\r\\n\\x01\\x09\\xffffffe9~\n");
 }

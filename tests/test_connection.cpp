@@ -10,6 +10,7 @@
 
 #include "fake_detector.hpp"
 #include "internal/query.hpp"
+#include "process.hpp"
 
 using namespace varkel::testing;
 using Commands = std::vector<std::string>;
@@ -113,6 +114,12 @@ TEST_F(Modules, ConnectBringsEveryModuleUpOnItsOwnSocketAtTheSameTime)
 
   ASSERT_EQ(det.connect(), 0);
   EXPECT_FALSE(stalled);
+  for (int fd : v->fd) { // the receive time-out of a module channel
+    timeval tv{};
+    socklen_t len = sizeof tv;
+    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len), 0);
+    EXPECT_EQ(tv.tv_sec * 1000000 + tv.tv_usec, 600000000);
+  }
   for (int m = 0; m < 4; ++m)
     EXPECT_EQ(det.module(m + 1).commands(), bring_up(100 + m)) << "module " << m + 1;
   // The main channel is the module connected last, and varkel_module names it.
@@ -127,7 +134,18 @@ TEST_F(Modules, ModuleRefusingTheConnectionLeavesTheOthersConnected)
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   ASSERT_EQ(bind(refusing, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  // The fakes' own ends close when they notice: only the library's are counted.
+  const auto fakes_own = [&](int fd) {
+    const uint16_t port = local_port(fd);
+    for (int m = 1; m <= 4; ++m)
+      if (port == det.module(m).port())
+        return true;
+    return false;
+  };
+  const int descriptors = open_descriptors(fakes_own);
   EXPECT_EQ(det.connect({0, 0, local_port(refusing)}), ECONNREFUSED);
+  // Module 3's old socket is closed and its failed new one is not kept.
+  EXPECT_EQ(open_descriptors(fakes_own), descriptors - 1);
   close(refusing);
 
   EXPECT_EQ(send_configureTransport(v, VARKEL_THREAD_MODULE3), ENOTCONN);

@@ -2,6 +2,8 @@
 // terminal end, the test plays the controller on the master end.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <fcntl.h>
 #include <poll.h>
 #include <string>
@@ -10,6 +12,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "process.hpp"
 #include "varkel.h"
 
 namespace {
@@ -28,14 +31,20 @@ protected:
   }
 
   // Plays one reply: waits until the reader has discarded its pending input (the
-  // master reports the flush in packet mode), then writes `stream`.
-  std::pair<int, std::string> exchange(const std::string& stream, std::size_t size)
+  // master reports the flush in packet mode), then writes `stream`, and, when
+  // `endless`, more and more of 'x' until the reader is done (at most 2 MB;
+  // `written` tells how much went).
+  std::pair<int, std::string> exchange(const std::string& stream, std::size_t size, bool endless = false)
   {
     int on = 1;
     EXPECT_EQ(ioctl(master, TIOCPKT, &on), 0);
     std::vector<char> buffer(size, '#');
     int rc = 0;
-    std::thread reader([&] { rc = read_serialPort(v, v->varkel_interface, buffer.data(), size); });
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+      rc = read_serialPort(v, v->varkel_interface, buffer.data(), size);
+      done = true;
+    });
     bool flushed = false;
     for (pollfd p{master, POLLIN, 0}; !flushed && poll(&p, 1, 5000) == 1;) {
       char status[64];
@@ -43,10 +52,18 @@ protected:
     }
     EXPECT_TRUE(flushed);
     EXPECT_EQ(write(master, stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
+    const std::string more(4096, 'x');
+    fcntl(master, F_SETFL, O_NONBLOCK);
+    for (written = stream.size(); endless && !done && written < (2u << 20);) {
+      pollfd p{master, POLLOUT, 0};
+      if (poll(&p, 1, 10) == 1)
+        written += static_cast<std::size_t>(std::max<ssize_t>(0, write(master, more.data(), more.size())));
+    }
     reader.join();
     return {rc, rc >= 0 ? std::string(buffer.data()) : std::string()};
   }
 
+  std::size_t written = 0;
   int master = posix_openpt(O_RDWR | O_NOCTTY);
   varkel_t* v = varkel_new(varkelTrio);
 };
@@ -74,11 +91,14 @@ TEST_F(SerialLine, OpensRawAt115200EightNoneOneAndWritesAsGiven)
   EXPECT_EQ(seen, message);
   EXPECT_EQ(write_serialPort(-1, message.data(), message.size()), -1);
 
-  // A failed open leaves no descriptor; /dev/null is closed again, not being a terminal.
+  // A failed open leaves no descriptor; /dev/null is closed again, not being a
+  // terminal. The port opened before is closed by the first attempt.
+  const int descriptors = varkel::testing::open_descriptors();
   for (const char* device : {"/nonexistent/tty", "/dev/null"}) {
     EXPECT_EQ(open_serialPort(v, device), -1);
     EXPECT_EQ(v->varkel_interface, -1);
   }
+  EXPECT_EQ(varkel::testing::open_descriptors(), descriptors - 1);
 }
 
 TEST_F(SerialLine, ReplyIsTheSecondBracePartAfterTheLeadingJ)
@@ -101,4 +121,8 @@ TEST_F(SerialLine, ReplyIsTheSecondBracePartAfterTheLeadingJ)
     SCOPED_TRACE(c.stream);
     EXPECT_EQ(exchange(c.stream, c.size), std::make_pair(c.rc, c.text));
   }
+  // A line that keeps talking without closing its reply is given up on after
+  // 64 KiB, while it still talks.
+  EXPECT_EQ(exchange("j{}{", 64, true).first, -2);
+  EXPECT_LT(written, 256u << 10);
 }

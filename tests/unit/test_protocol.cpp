@@ -30,8 +30,7 @@ TEST(RequestBuilding, ExactBytes)
   EXPECT_EQ(request("ConfigureTransport"), kHead + R"([[]],"jsonrpc":"2.0","method":"ConfigureTransport"})");
   EXPECT_EQ(request("TransportParams 12 4660"),
             kHead + R"([["12","4660"]],"jsonrpc":"2.0","method":"TransportParams"})");
-  EXPECT_EQ(request("HS_DacScan 5 0 255 1"),
-            kHead + R"([["5","0","255","1"]],"jsonrpc":"2.0","method":"HS_DacScan"})");
+  EXPECT_EQ(request("HS_DacScan 5 0 255 1"), kHead + R"([["5","0","255","1"]],"jsonrpc":"2.0","method":"HS_DacScan"})");
   // Words past the fourth parameter are dropped; runs of blanks are one separator.
   EXPECT_EQ(request("  M  a b   c d e f"), kHead + R"([["a","b","c","d"]],"jsonrpc":"2.0","method":"M"})");
   EXPECT_EQ(request("HS_SensorBias_Command 1 0 12.500000"),
@@ -75,6 +74,11 @@ TEST(ResultExtraction, MemberTextForms)
   };
   for (const Case& c : cases)
     EXPECT_EQ(result_of(c.reply), c.text) << c.reply;
+  // Its code: 0 with a member, -2 for JSON without one and for what is not JSON.
+  char out[kReplySize];
+  EXPECT_EQ(parse_json(nullptr, R"({"result":3})", out), 0);
+  EXPECT_EQ(parse_json(nullptr, R"({"jsonrpc":"2.0","id":"x"})", out), -2);
+  EXPECT_EQ(parse_json(nullptr, "not json at all", out), -2);
 }
 
 TEST(ResultExtraction, SpacedFormIsCutToTheResultBuffer)
@@ -96,6 +100,8 @@ TEST(ReplyShape, CompleteIncompleteOrNotJson)
   EXPECT_EQ(reply_shape(R"({"result":"a\"}")"), ReplyShape::incomplete);
   EXPECT_EQ(reply_shape(R"({"result":)"), ReplyShape::incomplete);
   EXPECT_EQ(reply_shape(""), ReplyShape::incomplete);
+  EXPECT_EQ(reply_shape(R"([{"result":"a"})"), ReplyShape::incomplete); // brackets count too
+  EXPECT_EQ(reply_shape(R"([{"result":"a"}])"), ReplyShape::complete);
   EXPECT_EQ(reply_shape("OK"), ReplyShape::not_json);
   EXPECT_EQ(reply_shape("3"), ReplyShape::not_json);
 }
