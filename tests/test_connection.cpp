@@ -4,7 +4,6 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <condition_variable>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -96,30 +95,19 @@ TEST_F(Modules, ConnectBringsEveryModuleUpOnItsOwnSocketAtTheSameTime)
 {
   // Each controller holds its first reply until all four have a request in hand:
   // modules connected one after the other would stall here.
-  std::mutex mutex;
-  std::condition_variable all_there;
-  int arrived = 0;
-  bool stalled = false;
+  Rendezvous all_four(4);
   for (int m = 0; m < 4; ++m)
     v->init_args.qpn[m] = 100u + static_cast<uint32_t>(m);
   det.answer_all([&](const Request& r) {
-    if (r.params == std::vector<std::string>{"2", "0"}) {
-      std::unique_lock lock(mutex);
-      ++arrived;
-      all_there.notify_all();
-      stalled |= !all_there.wait_for(lock, std::chrono::seconds(5), [&] { return arrived == 4; });
-    }
+    if (r.params == std::vector<std::string>{"2", "0"})
+      all_four.arrive();
     return Reply::result("OK");
   });
 
   ASSERT_EQ(det.connect(), 0);
-  EXPECT_FALSE(stalled);
-  for (int fd : v->fd) { // the receive time-out of a module channel
-    timeval tv{};
-    socklen_t len = sizeof tv;
-    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len), 0);
-    EXPECT_EQ(tv.tv_sec * 1000000 + tv.tv_usec, 600000000);
-  }
+  EXPECT_FALSE(all_four.stalled);
+  for (int fd : v->fd)
+    EXPECT_EQ(receive_timeout_us(fd), 600000000); // the module channels' receive time-out
   for (int m = 0; m < 4; ++m)
     EXPECT_EQ(det.module(m + 1).commands(), bring_up(100 + m)) << "module " << m + 1;
   // The main channel is the module connected last, and varkel_module names it.

@@ -10,7 +10,6 @@
 #include <set>
 #include <string>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -73,10 +72,7 @@ TEST(DataServer, HandshakeRefusalClosesAndTheAcceptedRecordIsKeptAndAcknowledged
   for (int i = 0; i < 2; ++i) { // the second connection closes the first
     CaptureStdout();
     EXPECT_EQ(varkel_connect_backend(v, "127.0.0.1", fake.port()), 0);
-    timeval tv{};
-    socklen_t len = sizeof tv;
-    ASSERT_EQ(getsockopt(v->backend_socket, SOL_SOCKET, SO_RCVTIMEO, &tv, &len), 0);
-    EXPECT_EQ(tv.tv_sec * 1000000 + tv.tv_usec, 300000000); // the data server's receive time-out
+    EXPECT_EQ(receive_timeout_us(v->backend_socket), 300000000); // the data server's receive time-out
     EXPECT_EQ(GetCapturedStdout(),
               "\n-----------------------\n   Received init args\n-----------------------\n"
               "be 1 qpn=100\nbe 2 qpn=101\nbe 3 qpn=102\nbe 4 qpn=103\n"

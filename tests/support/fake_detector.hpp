@@ -2,7 +2,10 @@
 // module, the main channel on the last module (as after connecting).
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -10,6 +13,24 @@
 #include "varkel.h"
 
 namespace varkel::testing {
+
+// Holds each request handed to arrive() until `expected` have arrived: requests
+// sent one after the other would stall here, and `stalled` tells so (after 5 s).
+struct Rendezvous {
+  explicit Rendezvous(int n) : expected(n) {}
+  void arrive()
+  {
+    std::unique_lock lock(mutex);
+    ++arrived;
+    all_there.notify_all();
+    stalled |= !all_there.wait_for(lock, std::chrono::seconds(5), [&] { return arrived >= expected; });
+  }
+  const int expected;
+  int arrived = 0;
+  bool stalled = false;
+  std::mutex mutex;
+  std::condition_variable all_there;
+};
 
 class FakeDetector {
 public:

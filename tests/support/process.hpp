@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "varkel.h"
@@ -52,6 +53,14 @@ template <typename Skip = bool (*)(int)> int open_descriptors(Skip skip = [](int
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
     n += !skip(std::stoi(entry.path().filename().string()));
   return n;
+}
+
+// The receive time-out of socket `fd` in microseconds, -1 when it has none to tell.
+inline long long receive_timeout_us(int fd)
+{
+  timeval tv{};
+  socklen_t len = sizeof tv;
+  return getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len) == 0 ? tv.tv_sec * 1000000LL + tv.tv_usec : -1;
 }
 
 } // namespace varkel::testing
