@@ -5,9 +5,12 @@
 // (status 0) and lives everywhere else, and that no descriptor is left open.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <chrono>
 #include <poll.h>
 #include <string>
+#include <sys/resource.h>
+#include <thread>
 #include <vector>
 
 #include "ethernet.h"
@@ -211,5 +214,35 @@ TEST_P(DataServerFaultDeathTest, Cell)
 INSTANTIATE_TEST_SUITE_P(Cells, DataServerFaultDeathTest, testing::ValuesIn(data_cells()), [](const auto& info) {
   return std::string(info.param.exchange->name) + "_" + info.param.fault->name;
 });
+
+// The peers' own plumbing: a server out of descriptors, whose accept fails at
+// once every time, backs off instead of spinning.
+TEST(LoopbackServerDeathTest, FailingAcceptDoesNotSpin)
+{
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto starve = [] {
+    LoopbackServer server([](int fd) { // holds its descriptor
+      char byte;
+      recv(fd, &byte, 1, 0);
+    });
+    const int client = socket(AF_INET, SOCK_STREAM, 0), lowest_free = dup(0);
+    close(lowest_free);
+    const rlimit limit{static_cast<rlim_t>(lowest_free), static_cast<rlim_t>(lowest_free)};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(server.port());
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connect(client, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    timespec cpu[2];
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpu[0]);
+    std::this_thread::sleep_for(300ms);
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpu[1]);
+    const double used = double(cpu[1].tv_sec - cpu[0].tv_sec) + 1e-9 * double(cpu[1].tv_nsec - cpu[0].tv_nsec);
+    std::fprintf(stderr, "%.3f s of processor time", used);
+    std::_Exit(used < 0.1 ? 0 : 1); // a spinning accept loop takes about 0.3 s
+  };
+  EXPECT_EXIT(starve(), testing::ExitedWithCode(0), "");
+}
 
 } // namespace
