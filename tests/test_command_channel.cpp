@@ -15,7 +15,7 @@
 #include "ethernet.h"
 #include "fake_detector.hpp"
 #include "internal/query.hpp"
-#include "process.hpp"
+#include "process.hpp" // the exit guard
 #include "utils.h"
 
 using namespace std::chrono_literals;
@@ -31,10 +31,6 @@ const std::regex kStamp(R"(^\d\d:\d\d:\d\d\.\d\d\d )");
 // Four modules on four fakes, the main channel on module 4.
 class Channel : public ::testing::Test {
 protected:
-  int query(varkel_thread_t owner, char* result, const char* text)
-  {
-    return query_and_cache(v, owner, result, "%s", text);
-  }
   // Module 1 answers each request with the next reply of the list.
   void script(std::vector<Reply> replies)
   {
@@ -92,14 +88,6 @@ TEST_F(Channel, FailuresReturnTheirCodesAndLeaveTheResult)
   EXPECT_EQ(query_and_cache(fresh, result, "%s", "A"), ENOTCONN);
   varkel_delete(fresh);
   EXPECT_EQ(query_and_cache(v, static_cast<varkel_thread_t>(9), result, "%s", "A"), ENOTCONN);
-}
-
-TEST_F(Channel, EveryQueryLeavesTheReceiveTimeoutAt600Seconds)
-{
-  ASSERT_EQ(set_timeout(v->fd[0], 300000000), 0);
-  char result[1024];
-  ASSERT_EQ(query(VARKEL_THREAD_MODULE1, result, "A"), 0);
-  EXPECT_EQ(receive_timeout_us(v->fd[0]), 600000000);
 }
 
 // The scan and status shapes run under every operation of the acquisition tests.
