@@ -53,7 +53,8 @@ protected:
     EXPECT_TRUE(flushed);
     EXPECT_EQ(write(master, stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
     const std::string more(4096, 'x');
-    fcntl(master, F_SETFL, O_NONBLOCK);
+    if (endless)
+      fcntl(master, F_SETFL, O_NONBLOCK);
     for (written = stream.size(); endless && !done && written < (2u << 20);) {
       pollfd p{master, POLLOUT, 0};
       if (poll(&p, 1, 10) == 1)
