@@ -5,7 +5,6 @@
 // (status 0) and lives everywhere else, and that no descriptor is left open.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <chrono>
 #include <poll.h>
 #include <string>
@@ -225,15 +224,11 @@ TEST(LoopbackServerDeathTest, FailingAcceptDoesNotSpin)
       char byte;
       recv(fd, &byte, 1, 0);
     });
-    const int client = socket(AF_INET, SOCK_STREAM, 0), lowest_free = dup(0);
+    ASSERT_GE(connect_loopback(server.port()), 0); // its session holds the last descriptor
+    const int lowest_free = dup(0);
     close(lowest_free);
     const rlimit limit{static_cast<rlim_t>(lowest_free), static_cast<rlim_t>(lowest_free)};
     setrlimit(RLIMIT_NOFILE, &limit);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(server.port());
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connect(client, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
     timespec cpu[2];
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpu[0]);
     std::this_thread::sleep_for(300ms);
