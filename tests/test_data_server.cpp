@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -10,6 +11,7 @@
 #include <set>
 #include <string>
 #include <sys/mman.h>
+#include <sys/time.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -318,6 +320,41 @@ TEST(DataServer, ConcurrentExchangesNeverInterleave)
   for (const Record& r : requests)
     EXPECT_EQ(bytes(r).substr(1), zeros(399));
   EXPECT_EQ(std::set<uint64_t>(saved.begin(), saved.end()).size(), saved.size());
+}
+
+// The acquisition timer's signal reaches the waiting caller between the two parts
+// of each record: the handshake, STOP and SAVE_STATUS still get their whole record.
+TEST(DataServer, RecordsSplitByTheTimerSignalArriveWhole)
+{
+  wait_toStart_polling(3600.0f); // the library's SIGALRM handler, without SA_RESTART
+  const itimerval off{};
+  setitimer(ITIMER_REAL, &off, nullptr);
+  const pthread_t caller = pthread_self();
+  FakeDataServer fake([](const Record& request) {
+    if (request[0] == SAVE_STATUS)
+      return RecordReply::of(saveStatusArgs{SAVE_STATUS, DONE, {}, 6, 5, {}}, Trigger::split_record);
+    return RecordReply::of(simpleArgs{ACK, 0, {}}, Trigger::split_record);
+  });
+  fake.set_between_parts([caller] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // the caller waits in its receive
+    pthread_kill(caller, SIGALRM);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  });
+  fake.spoil_greeting(Trigger::split_record);
+  varkel_t* v = varkel_new(varkelQuad);
+  CaptureStdout();
+  start_polling = 0;
+  EXPECT_EQ(varkel_connect_backend(v, "127.0.0.1", fake.port()), 0);
+  EXPECT_EQ(start_polling, 1); // the signal did arrive
+  const initArgs sent = sample_init_args();
+  EXPECT_EQ(bytes(&v->init_args, 400), bytes(&sent, 400));
+  EXPECT_EQ(send_stopAcquire_toBackend(v), 0);
+  uint64_t saved = 0;
+  EXPECT_EQ(get_saveStatus_fromBackend(v, &saved), 0);
+  EXPECT_EQ(saved, 5u);
+  const std::string out = GetCapturedStdout();
+  EXPECT_NE(out.find("Received STOP_ACQUIRE response with status DONE\n"), std::string::npos) << out;
+  varkel_delete(v);
 }
 
 // The frame buffer lives under fixed names: these tests hold them while they

@@ -14,6 +14,7 @@
 #include "ethernet.h"
 #include "internal/backend.hpp"
 #include "internal/backend_records.hpp"
+#include "internal/descriptor.hpp"
 #include "utils.h"
 
 namespace varkel::detail {
@@ -37,13 +38,9 @@ bool send_record(int fd, const void* record)
 
 ssize_t receive_record(int fd, void* record)
 {
-  // The acquisition timer's SIGALRM is caught without SA_RESTART: a wait it cuts
-  // short before anything arrived is simply resumed.
-  ssize_t n;
-  do
-    n = recv(fd, record, kRecordSize, MSG_WAITALL);
-  while (n < 0 && errno == EINTR);
-  return n;
+  // The acquisition timer's SIGALRM is caught without SA_RESTART and may cut a
+  // record in two: the wait resumes for the rest, within the socket's time-out.
+  return receive_exact(fd, record, kRecordSize, receive_timeout(fd));
 }
 
 void release_backend(varkel_t* v)

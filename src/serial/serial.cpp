@@ -14,12 +14,14 @@
 #include <thread>
 #include <unistd.h>
 
+#include "internal/descriptor.hpp"
 #include "varkel.h"
 
 namespace {
 
 constexpr int kWaits = 5;
 constexpr int kWaitMs = 1000;
+constexpr std::chrono::milliseconds kByteWait{500}; // as VTIME below
 // A line that keeps talking without closing its reply is cut off here.
 constexpr std::size_t kMaxReplyBytes = 64 * 1024;
 
@@ -67,15 +69,9 @@ private:
   std::string text_;
 };
 
-// One byte, or 0 when the line stays silent for VTIME, or -1 on an error.
-ssize_t read_byte(int fd, char& c)
-{
-  ssize_t n;
-  do
-    n = read(fd, &c, 1);
-  while (n < 0 && errno == EINTR);
-  return n;
-}
+// One byte (1), or not (0 or -1) when the line stays silent for half a second or
+// fails. A signal does not restart the half second.
+ssize_t read_byte(int fd, char& c) { return varkel::detail::receive_exact(fd, &c, 1, kByteWait); }
 
 // Waits up to five times one second for the first byte. False when none came.
 bool wait_for_reply(int fd)

@@ -24,7 +24,7 @@ bool read_record(int fd, Record& out)
 }
 
 // Puts `reply` on the wire; false when it ends the connection.
-bool answer(int fd, RecordReply reply)
+bool answer(int fd, RecordReply reply, const std::function<void()>& between_parts)
 {
   Record& r = reply.record;
   switch (reply.trigger) {
@@ -41,6 +41,12 @@ bool answer(int fd, RecordReply reply)
     loopback::send_all(fd, both.data(), both.size());
     return true;
   }
+  case Trigger::split_record:
+    loopback::send_all(fd, r.data(), 200);
+    if (between_parts)
+      between_parts();
+    loopback::send_all(fd, r.data() + 200, r.size() - 200);
+    return true;
   case Trigger::short_record:
     loopback::send_all(fd, r.data(), r.size() - 1);
     break;
@@ -114,7 +120,7 @@ void FakeDataServer::serve(int fd)
 {
   const Trigger greeting = greeting_;
   Record record;
-  if (!answer(fd, RecordReply::of(sample_init_args(), greeting)) || !read_record(fd, record))
+  if (!answer(fd, RecordReply::of(sample_init_args(), greeting), between_parts_) || !read_record(fd, record))
     return;
   {
     std::lock_guard lock(mutex_);
@@ -131,7 +137,7 @@ void FakeDataServer::serve(int fd)
     pollfd p{fd, POLLIN, 0};
     if (window_ms_ > 0 && poll(&p, 1, window_ms_) > 0)
       ++overlaps_;
-    if (!answer(fd, reply))
+    if (!answer(fd, reply, between_parts_))
       return;
   }
 }

@@ -1,0 +1,54 @@
+// Descriptor plumbing shared by the TCP links and the serial line: one owner for
+// closing, one loop for receiving a fixed amount.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <sys/types.h>
+
+namespace varkel::detail {
+
+// Closes the descriptor in a handle field, if it holds one (> 0: the handle reads
+// 0 as "never connected"), and leaves `empty` in its place. Every descriptor the
+// handle owns is closed through here.
+void release_descriptor(int& field, int empty = -1);
+
+// Owns one descriptor until it is released to a handle field or closed.
+class Descriptor {
+public:
+  explicit Descriptor(int fd = -1) : fd_(fd) {}
+  ~Descriptor() { release_descriptor(fd_); }
+  Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
+  Descriptor& operator=(Descriptor&& other) noexcept
+  {
+    if (this != &other) {
+      release_descriptor(fd_);
+      fd_ = other.release();
+    }
+    return *this;
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int get() const { return fd_; }
+  int release()
+  {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+
+private:
+  int fd_;
+};
+
+// Reads exactly `size` bytes into `buffer`. Signals and partial reads resume the
+// wait for what is missing; `timeout` (zero: none) bounds the whole wait, not each
+// part. Returns `size`; what arrived before the peer closed, failed or the time ran
+// out; or, when nothing arrived, 0 on close and -1 with errno set (EAGAIN on time-out).
+ssize_t receive_exact(int fd, void* buffer, std::size_t size, std::chrono::milliseconds timeout);
+
+// The receive time-out set on socket `fd` (zero when none, or when it cannot be read).
+std::chrono::milliseconds receive_timeout(int fd);
+
+} // namespace varkel::detail
