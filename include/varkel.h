@@ -19,8 +19,7 @@
 #define VARKEL_API __attribute__((visibility("default")))
 #endif
 
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
-              "the data-server records are little-endian on the wire");
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the data-server records are little-endian on the wire");
 
 // ---------------------------------------------------------------------------
 // Models, channels, positions
@@ -472,8 +471,8 @@ static_assert(offsetof(acqArgs, noOfAquisitions) == 1 && offsetof(acqArgs, savef
 static_assert(offsetof(acqStatusArgs, noOfFrames) == 1 && offsetof(acqStatusArgs, noOfAquisitions) == 33 &&
               offsetof(acqStatusArgs, bufferUsed) == 65 && offsetof(acqStatusArgs, error) == 81 &&
               offsetof(acqStatusArgs, lostFrameCnt) == 85 && offsetof(acqStatusArgs, done) == 117 &&
-              offsetof(acqStatusArgs, savedFrameNum) == 118 &&
-              offsetof(acqStatusArgs, savedAquisitionNum) == 126 && offsetof(acqStatusArgs, reserved) == 134);
+              offsetof(acqStatusArgs, savedFrameNum) == 118 && offsetof(acqStatusArgs, savedAquisitionNum) == 126 &&
+              offsetof(acqStatusArgs, reserved) == 134);
 static_assert(offsetof(saveStatusArgs, error) == 2 && offsetof(saveStatusArgs, savedFrameNum) == 6 &&
               offsetof(saveStatusArgs, savedAquisitionNum) == 14 && offsetof(saveStatusArgs, reserved) == 22);
 static_assert(offsetof(initArgs, be_gid) == 1 && offsetof(initArgs, fe_gid) == 65 &&
@@ -725,9 +724,12 @@ VARKEL_API uint8_t* create_shared_memory(varkel_t* varkel);
 VARKEL_API int init_array_data(varkel_t* varkel);
 
 // Copies the current frame (`frame_size` pixels) from the frame buffer into
-// `sample_frame`. Does nothing before a successful init_array_data or when the
-// handle has no `sample_frame`.
-VARKEL_API void get_array_data(varkel_t* varkel);
+// `sample_frame`. Returns 0; ENODATA before a successful init_array_data or when
+// the handle has no `sample_frame` (nothing is copied); EIO when the data server's
+// segment has become smaller than one frame, or the error of opening or reading
+// it (`sample_frame` may then hold part of the frame). The process survives a
+// segment that shrinks during the copy.
+VARKEL_API int get_array_data(varkel_t* varkel);
 
 // Sends `acq_args` as ACQUIRE_ARGS with `acquireParam.numCapture` acquisitions and
 // receives the acknowledgement into `ack`. Returns 0 on ACK, -3 on NAK, -1 when
@@ -762,8 +764,7 @@ VARKEL_API int send_geometryFile_toBackend(varkel_t* varkel, char* geometry_file
 // Stores acquisition arguments in `acq_args` (nothing is sent); `aquisitionMode`
 // is a readout mode, mapped with decode_backend_medipixMode. Returns 0.
 VARKEL_API int update_backend_acqArgs(varkel_t* varkel, uint8_t aquisitionMode, bool useLFSR, uint8_t saveMode,
-                                      bool resetRDMABuffer, uint16_t bcFramesToProcessPerTime,
-                                      uint8_t extraDimensions);
+                                      bool resetRDMABuffer, uint16_t bcFramesToProcessPerTime, uint8_t extraDimensions);
 
 // Stores `name` in `file_template` and `acq_args.savefile`. Returns 0, or 36
 // (ENAMETOOLONG) with nothing changed when it has 300 characters or more.

@@ -430,7 +430,7 @@ TEST_F(FrameBuffer, PrepareMapsWhateverTheReplyAndFramesAreCopiedWithoutLeaks)
     EXPECT_EQ(v->sample_frame[5], -1);
     std::free(v->sample_frame); // a handle without its frame copy is left alone
     v->sample_frame = nullptr;
-    get_array_data(v);
+    EXPECT_EQ(get_array_data(v), ENODATA);
   }
   EXPECT_EQ(mappings_of(kQuad) + mappings_of(kTrio), 0);
 }
@@ -462,8 +462,42 @@ TEST_F(FrameBuffer, MissingOrUnusableSegmentsMapNothing)
     EXPECT_EQ(GetCapturedStderr(), c.error);
     EXPECT_NE(GetCapturedStdout().find(c.printed), std::string::npos) << c.printed;
     EXPECT_EQ(v->adata.sample_frame, nullptr);
-    get_array_data(v); // nothing to copy from: the frame stays as it was
+    EXPECT_EQ(get_array_data(v), ENODATA); // nothing to copy from: the frame stays as it was
     EXPECT_EQ(v->sample_frame[0], 42);
     varkel_delete(v);
   }
+}
+
+// The data server shrinks its segment before and while the frame is copied: the
+// copy ends early with a code, and the process lives on.
+TEST_F(FrameBuffer, ASegmentThatShrinksGivesACodeNotACrash)
+{
+  constexpr std::size_t kFrame = 9437184;
+  create(kTrio, kFrame, 3);
+  varkel_t* v = varkel_new(varkelTrio);
+  v->simulate = 1;
+  CaptureStdout();
+  ASSERT_EQ(init_array_data(v), 0);
+  GetCapturedStdout();
+  const int fd = shm_open(kTrio, O_RDWR, 0);
+  ASSERT_EQ(ftruncate(fd, 4096), 0);
+  EXPECT_EQ(get_array_data(v), EIO);
+  EXPECT_EQ(v->sample_frame[1023], 3 + 1023); // what is left is copied
+  std::atomic<bool> done{false};
+  std::thread shrinker([&] {
+    for (off_t size = 4096; !done; size = kFrame + 4096 - size)
+      ASSERT_EQ(ftruncate(fd, size), 0);
+  });
+  std::set<int> codes;
+  for (int i = 0; i < 20; ++i)
+    codes.insert(get_array_data(v));
+  done = true;
+  shrinker.join();
+  codes.erase(0);
+  codes.erase(EIO);
+  EXPECT_TRUE(codes.empty()) << *codes.begin();
+  shm_unlink(kTrio);
+  EXPECT_EQ(get_array_data(v), ENOENT);
+  close(fd);
+  varkel_delete(v);
 }

@@ -388,7 +388,8 @@ public:
 
   Outcome sample_frame()
   {
-    get_array_data(v_);
+    if (const int rc = get_array_data(v_); rc != 0)
+      return {false, std::string("cannot copy the frame: ") + varkel_error_string(rc)};
     const std::size_t n = v_->frame_size;
     int64_t total = 0;
     int32_t top = 0;

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <sys/types.h>
 
+#include "ethernet.h"
+
 namespace varkel::detail {
 
 // Closes the descriptor in a handle field, if it holds one (> 0: the handle reads
@@ -13,16 +15,16 @@ namespace varkel::detail {
 // handle owns is closed through here.
 void release_descriptor(int& field, int empty = -1);
 
-// Owns one descriptor until it is released to a handle field or closed.
+// Owns one descriptor (any number >= 0) until it is released or destroyed.
 class Descriptor {
 public:
   explicit Descriptor(int fd = -1) : fd_(fd) {}
-  ~Descriptor() { release_descriptor(fd_); }
+  ~Descriptor() { reset(); }
   Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
   Descriptor& operator=(Descriptor&& other) noexcept
   {
     if (this != &other) {
-      release_descriptor(fd_);
+      reset();
       fd_ = other.release();
     }
     return *this;
@@ -31,6 +33,12 @@ public:
   Descriptor& operator=(const Descriptor&) = delete;
 
   int get() const { return fd_; }
+  void reset()
+  {
+    if (fd_ >= 0)
+      safe_close(fd_);
+    fd_ = -1;
+  }
   int release()
   {
     const int fd = fd_;
