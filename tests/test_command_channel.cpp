@@ -208,7 +208,11 @@ TEST_F(Channel, ParallelFanOutRunsOneWorkerPerModuleAndOrsResults)
 class Trace : public Channel {
 protected:
   void SetUp() override { std::filesystem::current_path(dir); }
-  void TearDown() override { std::filesystem::current_path(old); }
+  void TearDown() override
+  {
+    std::filesystem::current_path(old);
+    std::filesystem::remove_all(dir);
+  }
   std::vector<std::string> log_lines()
   {
     std::ifstream in(dir / "log.txt");
