@@ -71,7 +71,7 @@ int varkel_connect_backend(varkel_t* varkel, const char* address, unsigned short
 
   if (varkel->backend_socket != -1)
     varkel_disconnect_backend(varkel);
-  varkel->backend_socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  varkel->backend_socket = off_zero(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (varkel->backend_socket < 0) {
     varkel->backend_socket = -1;
     return errno;
@@ -91,8 +91,7 @@ void varkel_disconnect_backend(varkel_t* varkel)
   assert(varkel != NULL);
   if (varkel->backend_socket == -1)
     return;
-  safe_close(varkel->backend_socket);
-  varkel->backend_socket = -1;
+  release_descriptor(varkel->backend_socket);
   print_debug(varkel->debug_out, "[DISC]", "");
 }
 

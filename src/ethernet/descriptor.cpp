@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -17,6 +18,23 @@ void release_descriptor(int& field, int empty)
   if (field > 0)
     safe_close(field);
   field = empty;
+}
+
+void release_main_channel(varkel_t* v)
+{
+  for (int module_fd : v->fd) {
+    if (module_fd > 0 && module_fd == v->varkel_interface)
+      v->varkel_interface = -1;
+  }
+  release_descriptor(v->varkel_interface);
+}
+
+int off_zero(int fd)
+{
+  if (fd != 0)
+    return fd;
+  Descriptor zero(fd);
+  return fcntl(fd, F_DUPFD_CLOEXEC, 1); // a failure's errno survives the close of 0
 }
 
 ssize_t receive_exact(int fd, void* buffer, std::size_t size, std::chrono::milliseconds timeout)

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include "ethernet.h"
+#include "varkel.h"
 
 namespace varkel::detail {
 
@@ -14,6 +15,15 @@ namespace varkel::detail {
 // 0 as "never connected"), and leaves `empty` in its place. Every descriptor the
 // handle owns is closed through here.
 void release_descriptor(int& field, int empty = -1);
+
+// Lets go of the main channel: closes it when it is a descriptor of its own (a
+// serial port), leaves the socket to its module when it is a copy of one; -1 after.
+void release_main_channel(varkel_t* v);
+
+// `fd` itself, or a copy of it on a higher number when it is 0, which the handle
+// reads as "no connection" (0 is then closed; -1 with errno when no copy can be
+// made). Negative values pass through.
+int off_zero(int fd);
 
 // Owns one descriptor (any number >= 0) until it is released or destroyed.
 class Descriptor {

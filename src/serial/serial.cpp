@@ -89,25 +89,10 @@ bool wait_for_reply(int fd)
   }
 }
 
-// Closes a serial port this handle opened before; module sockets stay as they are.
-void release_serial_port(varkel_t* v)
-{
-  const int fd = v->varkel_interface;
-  v->varkel_interface = -1;
-  if (fd <= 0)
-    return;
-  for (int module_fd : v->fd) {
-    if (module_fd == fd)
-      return;
-  }
-  close(fd);
-}
-
 int fail_open(varkel_t* v, const char* what)
 {
   perror(what);
-  close(v->varkel_interface);
-  v->varkel_interface = -1;
+  varkel::detail::release_descriptor(v->varkel_interface);
   return -1;
 }
 
@@ -117,8 +102,9 @@ int open_serialPort(varkel_t* varkel, const char* device)
 {
   assert(varkel != NULL);
   assert(device != NULL);
-  release_serial_port(varkel);
-  const int fd = open(device, O_RDWR | O_NOCTTY | O_CLOEXEC);
+  // A serial port opened before is closed; a module socket stays with its module.
+  varkel::detail::release_main_channel(varkel);
+  const int fd = varkel::detail::off_zero(open(device, O_RDWR | O_NOCTTY | O_CLOEXEC));
   varkel->varkel_interface = fd;
   if (fd < 0) {
     perror(device);
