@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 WERROR ?= $(if $(CI),ON,OFF)
 CTEST = ctest --output-on-failure -j $(JOBS)
 
-.PHONY: deps build demo test bench sanitize tsan install clean format
+.PHONY: deps build demo test bench sanitize tsan install clean format format-check
 
 deps:
 	@bash scripts/install-deps.sh
@@ -56,8 +56,13 @@ tsan: deps
 install: build
 	cmake --install build
 
-format:
-	clang-format -i $$(git ls-files '*.cpp' '*.hpp' '*.h')
+SOURCES = git ls-files -z '*.cpp' '*.hpp' '*.h'
+format: deps
+	$(SOURCES) | xargs -0 clang-format -i
+
+# Fails on any tracked source that `make format` would change.
+format-check: deps
+	$(SOURCES) | xargs -0 clang-format --dry-run -Werror
 
 clean:
 	rm -rf build build-bench build-sanitize build-tsan

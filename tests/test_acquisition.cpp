@@ -2,11 +2,11 @@
 #include <chrono>
 #include <cmath>
 #include <functional>
-#include <map>
-#include <sys/time.h>
 #include <gtest/gtest.h>
+#include <map>
 #include <mutex>
 #include <string>
+#include <sys/time.h>
 #include <thread>
 #include <vector>
 
@@ -78,8 +78,7 @@ TEST_F(Acquisition, EachOperationSendsItsTextAndCachesItsReply)
       {"exposure read-back", US_AcquireTime_RBV, "HS_AcquireTime_Command 0 0", "0.250000",
        [](const varkel_t* v) { return v->acquireParam.acquireTime == 0.25f; }},
       {"period 0.02 s truncates", [](varkel_t* v) { return US_AcquirePeriod(v, 0.02f); },
-       "HS_AcquirePeriod_Command 1 19999",
-       "AcquirePeriod set to 0.020000 second(s)",
+       "HS_AcquirePeriod_Command 1 19999", "AcquirePeriod set to 0.020000 second(s)",
        [](const varkel_t* v) { return v->acquireParam.acquirePeriod == 0.02f; }},
       {"period read-back in microseconds", US_AcquirePeriod_RBV, "HS_AcquirePeriod_Command 0 0", "1500000",
        [](const varkel_t* v) { return v->acquireParam.acquirePeriod == 1.5f; }},
@@ -120,8 +119,8 @@ TEST_F(Acquisition, EachOperationSendsItsTextAndCachesItsReply)
        [](const varkel_t* v) { return std::string(v->acquireParam.detectorState) == "Acquiring"; }},
       {"time remaining", US_TimeRemaining_RBV, "HS_TimeRemaining_RBV", "1.250000 seconds left",
        [](const varkel_t* v) { return v->acquireParam.timeRemaining == 1.25f; }},
-      {"software trigger", [](varkel_t* v) { return US_SoftawareTrigger(v, 1); }, "HS_SoftwareTrigger 1 1",
-       "triggered", [](const varkel_t* v) { return v->varkelParam.software_trigger; }},
+      {"software trigger", [](varkel_t* v) { return US_SoftawareTrigger(v, 1); }, "HS_SoftwareTrigger 1 1", "triggered",
+       [](const varkel_t* v) { return v->varkelParam.software_trigger; }},
       {"trigger output", [](varkel_t* v) { return trigger_out(v, VARKEL_TRIGGER_OUT_ACQ_MBALL); },
        "HS_TriggerOut_Command 1 11", "x",
        [](const varkel_t* v) { return v->varkelParam.trigger_out == VARKEL_TRIGGER_OUT_ACQ_MBALL; }},

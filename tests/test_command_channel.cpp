@@ -38,9 +38,8 @@ protected:
   // Module 1 answers each request with the next reply of the list.
   void script(std::vector<Reply> replies)
   {
-    det.module(1).set_handler([replies, n = std::make_shared<std::atomic<std::size_t>>(0)](const Request&) {
-      return replies.at((*n)++);
-    });
+    det.module(1).set_handler(
+        [replies, n = std::make_shared<std::atomic<std::size_t>>(0)](const Request&) { return replies.at((*n)++); });
   }
   FakeDetector det{varkelQuad};
   varkel_t* v = det.handle();
@@ -54,7 +53,8 @@ TEST_F(Channel, RequestBytesGoOutOnTheChosenSocketOnly)
   ASSERT_EQ(query_and_cache(v, VARKEL_THREAD_MAIN, result, CMD_SENSORBIAS, 1u, 0u, 12.5), 0);
   EXPECT_STREQ(result, "OK");
   ASSERT_EQ(det.module(2).transcript().size(), 1u);
-  EXPECT_EQ(det.module(2).transcript()[0].raw, kHead + R"([["12","4660"]],"jsonrpc":"2.0","method":"TransportParams"})");
+  EXPECT_EQ(det.module(2).transcript()[0].raw,
+            kHead + R"([["12","4660"]],"jsonrpc":"2.0","method":"TransportParams"})");
   const auto main = det.module(4).transcript();
   ASSERT_EQ(main.size(), 2u);
   EXPECT_EQ(main[0].raw, kHead + R"([[]],"jsonrpc":"2.0","method":"ConfigureTransport"})");

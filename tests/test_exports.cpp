@@ -56,7 +56,8 @@ std::set<std::string> exported_names()
 std::set<std::string> unexported_declarations()
 {
   std::set<std::string> names;
-  const std::regex declaration(R"(^(?!VARKEL_API|static|inline|typedef|template|struct|enum|namespace|#|//)[A-Za-z_][\w\s\*&:<>,]*?\b(\w+)\s*\()");
+  const std::regex declaration(
+      R"(^(?!VARKEL_API|static|inline|typedef|template|struct|enum|namespace|#|//)[A-Za-z_][\w\s\*&:<>,]*?\b(\w+)\s*\()");
   for (const char* header : {"varkel.h", "ethernet.h", "utils.h", "decode.h"}) {
     std::ifstream in(std::string(VARKEL_INCLUDE_DIR) + "/" + header);
     for (std::string line; std::getline(in, line);) {
