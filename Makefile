@@ -14,12 +14,13 @@ build: deps
 	cmake -S . -B build -DVARKEL_WERROR=$(WERROR) $(CMAKE_FLAGS) >/dev/null
 	cmake --build build -j $(JOBS)
 
-# The main job on the simulator, in this process: builds only what the demo needs.
+# The main job on the simulator, in this process. Builds the demo and the
+# simulator, which the README runs on its own next.
 # Each simulated controller takes 2 ms per reply, so that the parallel bring-up shows.
 DEMO_FLAGS ?= --latency-us 2000
 demo: deps
 	cmake -S . -B build -DVARKEL_WERROR=$(WERROR) $(CMAKE_FLAGS) >/dev/null
-	cmake --build build -j $(JOBS) --target varkel-demo
+	cmake --build build -j $(JOBS) --target varkel-demo varkel-sim
 	./build/tools/varkel-demo $(DEMO_FLAGS) --png build/varkel-demo.png --log build/varkel-demo.log
 
 test: build
