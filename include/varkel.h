@@ -724,11 +724,12 @@ VARKEL_API uint8_t* create_shared_memory(varkel_t* varkel);
 VARKEL_API int init_array_data(varkel_t* varkel);
 
 // Copies the current frame (`frame_size` pixels) from the frame buffer into
-// `sample_frame`. Returns 0; ENODATA before a successful init_array_data or when
-// the handle has no `sample_frame` (nothing is copied); EIO when the data server's
-// segment has become smaller than one frame, or the error of opening or reading
-// it (`sample_frame` may then hold part of the frame). The process survives a
-// segment that shrinks during the copy.
+// `sample_frame`, reading the segment under its name at the time of the call.
+// Returns 0; ENODATA before a successful init_array_data or when the handle has
+// no `sample_frame` (nothing is copied); EIO when the data server's segment has
+// become smaller than one frame; the error of opening (ENOENT: the data server
+// has removed it) or reading it. After EIO or a read error `sample_frame` may hold
+// part of the frame. The process survives a segment that shrinks during the copy.
 VARKEL_API int get_array_data(varkel_t* varkel);
 
 // Sends `acq_args` as ACQUIRE_ARGS with `acquireParam.numCapture` acquisitions and
