@@ -147,7 +147,9 @@ int vquery(varkel_t* varkel, char* result, uint64_t result_size, const char* cmd
   const int fd = channel_socket(varkel, owner);
   if (fd < 0)
     return ENOTCONN;
-  drain_input(fd);
+  // The receive time-out stays as the connection set it (600 s): setting it again
+  // on every query would cost a system call for nothing.
+  discard_waiting(fd);
   if (int rc = vcommand(varkel, cmd_format, args, owner); rc != 0)
     return rc;
   return receive(varkel, result, result_size, owner);
