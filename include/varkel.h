@@ -989,3 +989,41 @@ VARKEL_API int trigger_out(varkel_t* varkel, varkel_trigger_out_t trigger_out_mo
 VARKEL_API int trigger_out_get(varkel_t* varkel);
 VARKEL_API int Set_Trigger(varkel_t* varkel, int set_trigger); // 0 or 1, else -3
 VARKEL_API int Set_Trigger_RBV(varkel_t* varkel);
+
+// ---------------------------------------------------------------------------
+// Sensor bias and analogue read-backs
+// ---------------------------------------------------------------------------
+// Main channel (the module selected last, its selected board and chip). A value
+// refused by its check returns -3 with nothing sent; a failed command returns its
+// code and leaves the cache alone; a reply that does not parse leaves it alone too
+// and returns 0.
+
+// Sets the bias of the selected board (0..100 V, finite) and caches the value the
+// controller reports ("High Voltage bias set to %fV") in varkelParam.bias_voltage.
+VARKEL_API int US_SensorBias(varkel_t* varkel, float bias_voltage);
+// Reads the bias of the selected board back into varkelParam.bias_voltage.
+VARKEL_API int US_SensorBias_RBV(varkel_t* varkel);
+// Ramps the selected board's bias from the value read back to `voltage` in 1 V
+// steps, the last step landing exactly on `voltage`. Levels outside 0..100 V are
+// refused (-3 each) and the walk goes on; once a level has left that range in the
+// direction of travel, the rest would be refused as well and are not walked. A
+// read-back that is not finite cannot be ramped from: -3, no level sent. Returns
+// the OR of every exchange's code.
+VARKEL_API int set_sensorBias(varkel_t* varkel, float voltage);
+// Prints "SENT TO VALUE" with `send_to`, then ramps the selected board
+// (VARKEL_SEND_ONE_MFB_ONE_MODULE), every board of the module in turn
+// (VARKEL_SEND_ALL_MFBS_ONE_MODEULE) or every board of every module
+// (VARKEL_SEND_ALL_MFBS_ALL_MODULES, leaving the main channel on the last module).
+// Returns the OR of the board selections' and ramps' codes; -3 for any other
+// target, nothing sent.
+VARKEL_API int setSensorBias(varkel_t* varkel, float voltage, varkel_send_to_all_t send_to);
+// Sets the selected chip's external band-gap input (0..1 V) and caches the reply in
+// varkelParam.extBgIn.
+VARKEL_API int US_ImgChip_ExtBgIn(varkel_t* varkel, float voltage);
+VARKEL_API int US_ImgChip_ExtBgIn_RBV(varkel_t* varkel);
+// Reads the selected chip's DAC output sense voltage into varkelParam.dacOutput.
+VARKEL_API int US_ImgChipDACOUTSense_RBV(varkel_t* varkel);
+// Status-only read-backs: the value shows only in the trace. Return the query code.
+VARKEL_API int US_BandGapOutput_RBV(varkel_t* varkel);
+VARKEL_API int US_BandGapTemperature_RBV(varkel_t* varkel);
+VARKEL_API int US_CascodeBias_RBV(varkel_t* varkel);
