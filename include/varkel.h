@@ -1027,3 +1027,38 @@ VARKEL_API int US_ImgChipDACOUTSense_RBV(varkel_t* varkel);
 VARKEL_API int US_BandGapOutput_RBV(varkel_t* varkel);
 VARKEL_API int US_BandGapTemperature_RBV(varkel_t* varkel);
 VARKEL_API int US_CascodeBias_RBV(varkel_t* varkel);
+
+// ---------------------------------------------------------------------------
+// DACs
+// ---------------------------------------------------------------------------
+// "HS_ImgChipDAC <operation> <dac> <value>". DACs 1..31; DAC_ThresholdEnergy0,
+// DAC_ThresholdEnergy1, DAC_TPRefA and DAC_TPRefB take 0..511, the others 0..255.
+
+// Writes `value` to DAC `dac`: the selected chip (VARKEL_SEND_ONE_CHIP_ONE_MODULE)
+// or every chip (VARKEL_SEND_ALL_CHIPS_ONE_MODULE) of the module on channel
+// `owner`; the selected chip number on each module in turn, each selected afresh
+// on the main channel (VARKEL_SEND_ONE_CHIP_ALL_MODULES: the last module's write
+// code, the main channel left on the last module); every chip of every module,
+// one worker per module on its own channel (VARKEL_SEND_ALL_CHIPS_ALL_MODULES: 0
+// when all succeeded, else the OR of the failing modules' codes). Board targets
+// send nothing and return 0. -4 for a bad DAC, -5 for a value out of its range,
+// both with nothing sent. No cache is written.
+VARKEL_API int US_Set_DAC(varkel_t* varkel, varkel_dac_t dac, int value, varkel_send_to_all_t send_to,
+                          varkel_thread_t owner);
+// US_Set_DAC on the main channel.
+VARKEL_API int set_dac(varkel_t* varkel, varkel_dac_t dac, int value, varkel_send_to_all_t send_to);
+// Reads DAC values back on the main channel ("HS_ImgChipDAC <read_mode> <dac> 0",
+// both sent unchecked): one code or voltage of the selected chip, or a list of
+// "<chip or DAC number> : <value>," entries, into digital_dac_values or
+// analog_dac_values [chip number - 1][DAC number - 1]. Values whose place falls
+// outside the caches (no chip selected, chip not 1..36, DAC not 1..32) are
+// dropped; a list ends at its first entry that does not parse. Returns the query
+// code; on failure both caches are left alone.
+VARKEL_API int get_dac(varkel_t* varkel, varkel_read_dac_t read_mode, varkel_dac_t dac);
+// Writes the optimised DiscL value of each chip: every module, every chip number
+// 1..num_all_chips, each selected on the main channel. Returns 0 whatever the steps
+// return; the main channel ends on the last module.
+VARKEL_API int set_OptimizedDiscL(varkel_t* varkel);
+// "HS_DACBias_RBV" on the main channel; the value shows only in the trace. Returns
+// the query code.
+VARKEL_API int US_DACBias_RBV(varkel_t* varkel);

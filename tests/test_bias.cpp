@@ -79,6 +79,7 @@ TEST(Analog, EachOperationSendsItsTextAndCachesItsReply)
       {"band-gap output", US_BandGapOutput_RBV, "HS_BandGapOutput_RBV", "0.7", nullptr, 0},
       {"band-gap temperature", US_BandGapTemperature_RBV, "HS_BandGapTemperature_RBV", "0.7", nullptr, 0},
       {"cascode bias", US_CascodeBias_RBV, "HS_DACCascodeBias_RBV", "0.7", nullptr, 0},
+      {"DAC bias", US_DACBias_RBV, "HS_DACBias_RBV", "0.7", nullptr, 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

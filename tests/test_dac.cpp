@@ -1,0 +1,165 @@
+// DAC writes with their fan-outs, read-backs into the caches and the presets,
+// against fake controllers on loopback.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <cstring>
+#include <fcntl.h>
+#include <mutex>
+#include <set>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "fake_detector.hpp"
+#include "varkel.h"
+
+using namespace varkel::testing;
+using Commands = std::vector<std::string>;
+
+namespace {
+
+std::string dac_cmd(int op, int dac, int value)
+{
+  return "HS_ImgChipDAC " + std::to_string(op) + " " + std::to_string(dac) + " " + std::to_string(value);
+}
+
+TEST(Dac, EachDacTakesItsRangeAndNothingOutsideIsSent)
+{
+  const std::set<int> nine_bits = {DAC_ThresholdEnergy0, DAC_ThresholdEnergy1, DAC_TPRefA, DAC_TPRefB};
+  FakeDetector det(varkelTrio);
+  varkel_t* v = det.handle();
+  Commands sent;
+  for (int dac = 1; dac <= 31; ++dac) {
+    const int max = nine_bits.count(dac) ? 511 : 255;
+    EXPECT_EQ(set_dac(v, varkel_dac_t(dac), max, VARKEL_SEND_ONE_CHIP_ONE_MODULE), 0) << dac;
+    EXPECT_EQ(set_dac(v, varkel_dac_t(dac), max + 1, VARKEL_SEND_ONE_CHIP_ONE_MODULE), -5) << dac;
+    EXPECT_EQ(set_dac(v, varkel_dac_t(dac), -1, VARKEL_SEND_ALL_CHIPS_ONE_MODULE), -5) << dac;
+    sent.push_back(dac_cmd(1, dac, max));
+  }
+  for (int bad : {0, 32, -1})
+    EXPECT_EQ(set_dac(v, varkel_dac_t(bad), -1, VARKEL_SEND_ONE_CHIP_ONE_MODULE), -4) << bad;
+  for (auto board_target : {VARKEL_SEND_ONE_MFB_ONE_MODULE, VARKEL_SEND_ALL_MFBS_ALL_MODULES})
+    EXPECT_EQ(set_dac(v, DAC_Preamp, 1, board_target), 0);
+  EXPECT_EQ(det.module(1).commands(), sent);
+}
+
+TEST(Dac, FanOutsReachEachModuleOnItsChannelInOrder)
+{
+  FakeDetector det(varkelQuad);
+  varkel_t* v = det.handle();
+  ASSERT_EQ(select_chipNumber(v, 5), 0); // module 4, the main channel after connecting
+  det.clear();
+
+  EXPECT_EQ(US_Set_DAC(v, DAC_DiscL, 60, VARKEL_SEND_ONE_CHIP_ONE_MODULE, VARKEL_THREAD_MODULE2), 0);
+  EXPECT_EQ(set_dac(v, DAC_GND, 70, VARKEL_SEND_ALL_CHIPS_ONE_MODULE), 0);
+  EXPECT_EQ(det.all_commands(), (Commands{"2:" + dac_cmd(1, 15, 60), "4:" + dac_cmd(3, 20, 70)}));
+
+  // One chip on every module: each module selected, the chip re-selected on it,
+  // then the write; the result is the last module's write.
+  det.clear();
+  det.module(2).set_handler(
+      [](const Request& r) { return r.method == "HS_ImgChipDAC" ? Reply::error("refused") : Reply::result("OK"); });
+  EXPECT_EQ(set_dac(v, DAC_FBK, 90, VARKEL_SEND_ONE_CHIP_ALL_MODULES), 0);
+  for (int m = 1; m <= 4; ++m)
+    EXPECT_EQ(det.module(m).commands(),
+              (Commands{"SelectMedipixBoard_Command 1 2", "HS_ImgChipNumberID_Command 1 4", dac_cmd(1, 22, 90)}));
+  EXPECT_EQ(v->varkel_module, 4);
+  det.module(4).set_handler(
+      [](const Request& r) { return r.method == "HS_ImgChipDAC" ? Reply::reset() : Reply::result("OK"); });
+  EXPECT_EQ(set_dac(v, DAC_FBK, 90, VARKEL_SEND_ONE_CHIP_ALL_MODULES), -1);
+}
+
+TEST(Dac, AllChipsOfAllModulesRunsOneWorkerPerModuleAndOrsTheFailures)
+{
+  FakeDetector det(varkelQuad);
+  varkel_t* v = det.handle();
+  // Each module holds its reply until all four requests are in: only workers
+  // running side by side get past it in time.
+  std::mutex mutex;
+  std::condition_variable all_in;
+  int arrived = 0;
+  bool in_time = true;
+  det.answer_all([&](const Request&) {
+    std::unique_lock lock(mutex);
+    ++arrived;
+    all_in.notify_all();
+    in_time = all_in.wait_for(lock, std::chrono::seconds(10), [&] { return arrived == 4; }) && in_time;
+    return Reply::result("OK");
+  });
+  EXPECT_EQ(US_Set_DAC(v, DAC_CAS, 128, VARKEL_SEND_ALL_CHIPS_ALL_MODULES, VARKEL_THREAD_MAIN), 0);
+  EXPECT_TRUE(in_time);
+  for (int m = 1; m <= 4; ++m)
+    EXPECT_EQ(det.module(m).commands(), Commands{dac_cmd(3, 23, 128)});
+
+  // Module 2 holds no descriptor (ENOTCONN), module 3 one that is no socket
+  // (ENOTSOCK): the result carries both codes.
+  det.answer_all(nullptr);
+  ::close(v->fd[1]);
+  ::close(v->fd[2]);
+  v->fd[1] = 0;
+  v->fd[2] = ::open("/dev/null", O_RDONLY);
+  EXPECT_EQ(US_Set_DAC(v, DAC_CAS, 128, VARKEL_SEND_ALL_CHIPS_ALL_MODULES, VARKEL_THREAD_MAIN), ENOTCONN | ENOTSOCK);
+  EXPECT_EQ(det.module(4).commands().size(), 2u);
+}
+
+TEST(Dac, ReadBacksFillTheCacheRowOfTheChipOrOfEachListedChip)
+{
+  const struct {
+    varkel_read_dac_t mode;
+    varkel_dac_t dac;
+    const char* reply;
+    std::vector<std::pair<int, int>> digital; // [row, column] = value
+    std::vector<std::pair<int, float>> analog;
+  } cases[] = {
+      {DIGITAL_READ_SINGLE_DAC, DAC_Preamp, "100", {{4 * 32 + 8, 100}}, {}},
+      {DIGITAL_READ_ALL_SENSORS, DAC_Preamp, "1 : 10,2 : 12,", {{8, 10}, {32 + 8, 12}}, {}},
+      {DIGITAL_READ_ALL_SENSORS, DAC_Preamp, "1 : 10,2 : 12", {{8, 10}, {32 + 8, 12}}, {}},
+      {DIGITAL_READ_ALL_DACS, DAC_Preamp, "1 : 5,31 : 6,", {{4 * 32, 5}, {4 * 32 + 30, 6}}, {}},
+      {ANALOG_READ_SINGLE_DAC, DAC_GND, "0.75", {}, {{4 * 32 + 19, 0.75f}}},
+      {ANALOG_READ_ALL_DACS, DAC_GND, "1 : 0.512,2 : 1.030,", {}, {{4 * 32, 0.512f}, {4 * 32 + 1, 1.030f}}},
+      {ANALOG_READ_ALL_SENSORS, DAC_GND, "36 : 0.25,", {}, {{35 * 32 + 19, 0.25f}}},
+      {ANALOG_READ_ALL_SENSORS, DAC_GND, "", {}, {}},
+      {varkel_read_dac_t(WRITE_SINGLE_DAC), DAC_GND, "1", {}, {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.reply);
+    FakeDetector det(varkelTrio);
+    varkel_t* v = det.handle();
+    v->sensor_pos.sensorPos = 5;
+    det.module(1).set_handler([&](const Request&) { return Reply::result(c.reply); });
+    EXPECT_EQ(get_dac(v, c.mode, c.dac), 0);
+    EXPECT_EQ(det.module(1).commands(), Commands{dac_cmd(c.mode, c.dac, 0)});
+    int32_t digital[36 * 32] = {};
+    float analog[36 * 32] = {};
+    for (auto [at, value] : c.digital)
+      digital[at] = value;
+    for (auto [at, value] : c.analog)
+      analog[at] = value;
+    EXPECT_EQ(0, std::memcmp(digital, v->digital_dac_values, sizeof digital));
+    EXPECT_EQ(0, std::memcmp(analog, v->analog_dac_values, sizeof analog));
+
+    // A failed read leaves both caches alone.
+    det.module(1).set_handler([](const Request&) { return Reply::reset(); });
+    EXPECT_EQ(get_dac(v, DIGITAL_READ_ALL_SENSORS, DAC_Preamp), -1);
+    EXPECT_EQ(0, std::memcmp(digital, v->digital_dac_values, sizeof digital));
+  }
+}
+
+TEST(Dac, OptimizedDiscLWritesEveryChipOfEveryModule)
+{
+  FakeDetector det(varkelQuad);
+  varkel_t* v = det.handle();
+  EXPECT_EQ(set_OptimizedDiscL(v), 0);
+  for (int m = 1; m <= 4; ++m) {
+    const Commands sent = det.module(m).commands();
+    ASSERT_EQ(sent.size(), 36u * 3) << m;
+    EXPECT_EQ(sent[0], "SelectMedipixBoard_Command 1 2");
+    EXPECT_EQ(sent[1], "HS_ImgChipNumberID_Command 1 0");
+    EXPECT_EQ(sent[35 * 3 + 1], "HS_ImgChipNumberID_Command 1 11");
+  }
+  EXPECT_EQ(det.module(1).commands()[2], dac_cmd(1, DAC_DiscL, 76));
+  EXPECT_EQ(det.module(4).commands().back(), dac_cmd(1, DAC_DiscL, 50));
+}
+
+} // namespace
