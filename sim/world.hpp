@@ -37,9 +37,16 @@ struct Run {
   double remaining_at(Clock::time_point t) const; // seconds
 };
 
+// Fields of a chip's operation mode register, by field number.
+inline constexpr int kOmrFields = 21;
+inline constexpr int kOmrCounterDepth = 6; // held as 0..3, reported in bits when all are read
+
 struct Chip {
   uint32_t efuse = 0; // 0: no chip at this position
   std::map<uint32_t, uint32_t> regs;
+  std::array<uint32_t, kOmrFields> omr{0, 0, 0, 0, 0, 0, 1}; // power-on: 12-bit counters
+  int equalization_set = -1;                                 // none loaded
+  uint32_t pixel_config = 0;                                 // last value loaded
   bool live() const;
 };
 

@@ -319,6 +319,68 @@ public:
     return from_code(rc, format("%d module(s) side by side%s", v_->max_num_modules, ratio.c_str()));
   }
 
+  // ---- chip configuration ----
+
+  // The OMR fields a run sets, on every chip of every module, and equalization set
+  // kEqualizationSet on every mounted chip; then each module's fields read back from
+  // its first mounted chip.
+  Outcome configure_chips()
+  {
+    struct Setting {
+      varkel_omr_t field;
+      int value;
+      const char* shown;
+    };
+    static constexpr Setting kSettings[] = {
+        {OMR_Polarity, VARKEL_POLARITY_HOLES, "polarity"},     {OMR_Gain_Mode, VARKEL_GAIN_MODE_HIGH, "gain"},
+        {OMR_CountL, VARKEL_COUNTERDEPTH_24BITS, "depth"},     {OMR_CSM_SPM, VARKEL_PIXEL_MODE_CHARGE_SUMMING, "pixel"},
+        {OMR_Disc_CSM_SPM, VARKEL_DISCRIMINATOR_HIGH, "disc"},
+    };
+    constexpr uint8_t kEqualizationSet = 3;
+    int rc = 0;
+    for (const Setting& x : kSettings)
+      rc |= set_omr(v_, x.field, x.value, VARKEL_SEND_ALL_CHIPS_ALL_MODULES);
+    int loads = 0;
+    bool same = true;
+    std::string read;
+    for (int m = 1; m <= v_->max_num_modules; ++m) {
+      rc |= select_module(v_, m);
+      int first = 0;
+      for (int c = 1; c <= 36; ++c) {
+        if (!mounted(m, c))
+          continue;
+        first = first ? first : c;
+        rc |= US_Load_Equalization(v_, kEqualizationSet, static_cast<uint8_t>(c));
+        ++loads;
+      }
+      if (first == 0)
+        continue;
+      rc |= select_chipNumber(v_, first) | get_omr(v_);
+      read += format(" m%d", m);
+      for (const Setting& x : kSettings) {
+        read += format("%s%d", &x == kSettings ? " " : "/", v_->omr_values[x.field]);
+        same = same && v_->omr_values[x.field] == x.value;
+      }
+    }
+    if (rc != 0)
+      return from_code(rc, "");
+    std::string names;
+    for (const Setting& x : kSettings)
+      names += format("%s%s", &x == kSettings ? "" : "/", x.shown);
+    return {same, format("CFG%u on %d chip(s); %s read back:%s", kEqualizationSet, loads, names.c_str(), read.c_str())};
+  }
+
+  // Whether chip number c of module m is mounted: on a board and position the
+  // model has, and not given as missing.
+  bool mounted(int m, int c) const
+  {
+    const varkel::sim::Geometry g = varkel::sim::geometry_of(s_.model);
+    const varkel::sim::ChipPosition at = varkel::sim::chip_position(c);
+    return at.board < g.boards && at.chip < g.chips &&
+           std::none_of(s_.missing.begin(), s_.missing.end(),
+                        [&](const auto& x) { return x.module == m && x.chip_number == c; });
+  }
+
   Outcome trigger_arrangement()
   {
     const int rc = define_master_module(v_, 1, false, VARKEL_TRIGGER_MODE_EXTERNAL_POS_EDGE);
@@ -488,6 +550,7 @@ int main(int argc, char** argv)
       (v->max_num_modules == 1 ||
        demo.step("modules one by one", [&] { return demo.connect_one_by_one(s.modules); })) &&
       demo.step("module connection", [&] { return demo.connect_modules(s.modules); }) &&
+      demo.step("chip configuration", [&] { return demo.configure_chips(); }) &&
       demo.step("acquisition time",
                 [&] {
                   const int rc = set_acquireTime(v, s.exposure);
