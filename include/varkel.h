@@ -1145,6 +1145,11 @@ VARKEL_API int set_dac(varkel_t* varkel, varkel_dac_t dac, int value, varkel_sen
 // dropped; a list ends at its first entry that does not parse. Returns the query
 // code; on failure both caches are left alone.
 VARKEL_API int get_dac(varkel_t* varkel, varkel_read_dac_t read_mode, varkel_dac_t dac);
+// Selects the external band-gap input (0.637 V, OMR_Ext_BG_Sel 1) on chip 6 of
+// module 1 and chip 31 of module 2, each selected on the main channel. Returns 0
+// whatever the steps return; the main channel ends on module 2 (on a one-module
+// detector the second chip is set on module 1).
+VARKEL_API int Set_DAC_Defaults(varkel_t* varkel);
 // Writes the optimised DiscL value of each chip: every module, every chip number
 // 1..num_all_chips, each selected on the main channel. Returns 0 whatever the steps
 // return; the main channel ends on the last module.

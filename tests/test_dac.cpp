@@ -162,4 +162,25 @@ TEST(Dac, OptimizedDiscLWritesEveryChipOfEveryModule)
   EXPECT_EQ(det.module(4).commands().back(), dac_cmd(1, DAC_DiscL, 50));
 }
 
+TEST(Dac, DefaultsSelectTheExternalBandGapOnTwoChips)
+{
+  const Commands chip6 = {"SelectMedipixBoard_Command 1 2", "HS_ImgChipNumberID_Command 1 5",
+                          "HS_ImgChip_ExtBgIn_Command 1 0.637000", "HS_ImgChipOMR 1 20 1"};
+  const Commands chip31 = {"SelectMedipixBoard_Command 1 0", "HS_ImgChipNumberID_Command 1 6",
+                           "HS_ImgChip_ExtBgIn_Command 1 0.637000", "HS_ImgChipOMR 1 20 1"};
+  FakeDetector quad(varkelQuad);
+  EXPECT_EQ(Set_DAC_Defaults(quad.handle()), 0);
+  EXPECT_EQ(quad.module(1).commands(), chip6);
+  EXPECT_EQ(quad.module(2).commands(), chip31);
+  EXPECT_EQ(quad.handle()->varkel_module, 2);
+
+  // One module: the second pair lands on it too; failures change nothing.
+  FakeDetector trio(varkelTrio);
+  trio.module(1).set_handler([](const Request&) { return Reply::error("no"); });
+  EXPECT_EQ(Set_DAC_Defaults(trio.handle()), 0);
+  Commands both = chip6;
+  both.insert(both.end(), chip31.begin(), chip31.end());
+  EXPECT_EQ(trio.module(1).commands(), both);
+}
+
 } // namespace

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <iterator>
 #include <type_traits>
+#include <utility>
 
 #include "internal/dac.hpp"
 #include "internal/pair_list.hpp"
@@ -192,6 +193,20 @@ int get_dac(varkel_t* varkel, varkel_read_dac_t read_mode, varkel_dac_t dac)
       rc != 0)
     return rc;
   store_dac_reply(read_mode, dac, chip, reply, varkel->digital_dac_values, varkel->analog_dac_values);
+  return 0;
+}
+
+int Set_DAC_Defaults(varkel_t* varkel)
+{
+  assert(varkel != NULL);
+  // The external band-gap input on chip 6 of module 1 and chip 31 of module 2. On
+  // a one-module detector the second pair goes to the module left selected.
+  for (const auto& [module, chip] : {std::pair{1, 6}, std::pair{2, 31}}) {
+    select_module(varkel, module);
+    select_chipNumber(varkel, chip);
+    US_ImgChip_ExtBgIn(varkel, 0.637f);
+    set_omr(varkel, OMR_Ext_BG_Sel, 1, VARKEL_SEND_ONE_CHIP_ONE_MODULE);
+  }
   return 0;
 }
 
