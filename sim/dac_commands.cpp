@@ -14,7 +14,7 @@ namespace {
 constexpr uint32_t kDacs = 31;
 constexpr uint32_t kDacBias = 28, kBandGapOutput = 26, kBandGapTemperature = 27, kCascodeBias = 29;
 constexpr uint32_t kSenseDacField = 18, kExtBandGapField = 20; // OMR fields
-constexpr std::size_t kBiasLevelsKept = 64;
+constexpr std::size_t kBiasLevelsKept = 256;
 
 // Thresholds 0 and 1 and the two test-pulse references have 9 bits, the rest 8.
 uint32_t dac_max(uint32_t dac) { return dac == 1 || dac == 2 || dac == 24 || dac == 25 ? 511 : 255; }

@@ -88,7 +88,7 @@ struct Module {
   uint64_t delivered_runs = 0;   // runs whose frames reach the data server, the current one included
 
   // The sensor bias of each board in volts, and every level a bias was set to
-  // (the latest 64).
+  // (the latest 256).
   std::array<double, kMaxBoards> bias{};
   std::vector<double> bias_levels;
 
