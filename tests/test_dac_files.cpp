@@ -109,6 +109,7 @@ TEST_F(DacFiles, AFileThatFailsToLoadSendsNothing)
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
+    TearDown(); // a fresh set of files for each case
     SetUp();
     if (c.text.empty())
       fs::remove(dir / c.file);
@@ -122,7 +123,6 @@ TEST_F(DacFiles, AFileThatFailsToLoadSendsNothing)
     EXPECT_EQ(err.rfind("\033[31mERROR: \033[0m [dac_files.cpp:", 0), 0u) << err;
     EXPECT_NE(err.find("extract_default_dacs_from_file failed. \n\n"), std::string::npos) << err;
     EXPECT_EQ(err.find("error reading file") != std::string::npos, c.file != "index.ini") << err;
-    TearDown();
   }
 }
 
