@@ -1,5 +1,7 @@
 #include "controller.hpp"
 
+#include "commands.hpp"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdarg>
@@ -13,40 +15,6 @@ namespace varkel::sim {
 
 namespace {
 
-using Params = std::span<const std::string>;
-
-// What a handler works on: the module it was sent to, the world around it, and
-// the time the request arrived.
-struct Ctx {
-  World& world;
-  Module& mod;
-  int m;
-  Clock::time_point now;
-};
-
-using Handler = Answer (*)(Ctx&, Params);
-
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...)
-{
-  char buf[256];
-  va_list args;
-  va_start(args, fmt);
-  std::vsnprintf(buf, sizeof buf, fmt, args);
-  va_end(args);
-  return buf;
-}
-
-Answer invalid(const std::string& why) { return Answer::error(kInvalidParams, "Invalid params: " + why); }
-
-// A whole parameter as an unsigned decimal number.
-template <typename T> bool number(const std::string& text, T& out)
-{
-  const char* end = text.data() + text.size();
-  auto [p, ec] = std::from_chars(text.data(), end, out, 10);
-  return !text.empty() && ec == std::errc() && p == end;
-}
-
 // The shape of the set/read-back pairs: "<method> 1 <value>" sets, "<method> 0 <x>"
 // reads back. Checks the two numbers and calls `set` or `read`.
 template <typename Set, typename Read> Answer set_or_read(Params p, Set&& set, Read&& read)
@@ -56,10 +24,6 @@ template <typename Set, typename Read> Answer set_or_read(Params p, Set&& set, R
     return invalid("expected an action (0 or 1) and a value");
   return action == 1 ? set(value) : read();
 }
-
-Answer expect_none(Params p, Answer answer) { return p.empty() ? answer : invalid("expected no parameters"); }
-
-Chip& selected_chip(Ctx& c) { return c.mod.chips[c.mod.board][c.mod.chip]; }
 
 // ---- transport and registers ------------------------------------------------
 
@@ -484,11 +448,12 @@ const std::unordered_map<std::string_view, Handler> kCommands = {
 Answer run_command(World& world, int m, const Call& call)
 {
   const auto it = kCommands.find(call.method);
-  if (it == kCommands.end())
+  const Handler handler = it != kCommands.end() ? it->second : dac_command(call.method);
+  if (handler == nullptr)
     return Answer::error(kMethodNotFound, "Method not found: " + call.method);
   std::lock_guard lock(world.mutex);
   Ctx c{world, world.modules[m], m, Clock::now()};
-  Answer answer = it->second(c, call.params);
+  Answer answer = handler(c, call.params);
   world.publish(c.now);
   return answer;
 }
