@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 WERROR ?= $(if $(CI),ON,OFF)
 CTEST = ctest --output-on-failure -j $(JOBS)
 
-.PHONY: deps build demo test bench sanitize tsan install clean format
+.PHONY: deps build demo test bench sanitize tsan install clean format format-check
 
 deps:
 	@bash scripts/install-deps.sh
@@ -14,12 +14,13 @@ build: deps
 	cmake -S . -B build -DVARKEL_WERROR=$(WERROR) $(CMAKE_FLAGS) >/dev/null
 	cmake --build build -j $(JOBS)
 
-# The main job on the simulator, in this process: builds only what the demo needs.
+# The main job on the simulator, in this process. Builds the demo and the
+# simulator, which the README runs on its own next.
 # Each simulated controller takes 2 ms per reply, so that the parallel bring-up shows.
 DEMO_FLAGS ?= --latency-us 2000
 demo: deps
 	cmake -S . -B build -DVARKEL_WERROR=$(WERROR) $(CMAKE_FLAGS) >/dev/null
-	cmake --build build -j $(JOBS) --target varkel-demo
+	cmake --build build -j $(JOBS) --target varkel-demo varkel-sim
 	./build/tools/varkel-demo $(DEMO_FLAGS) --png build/varkel-demo.png --log build/varkel-demo.log
 
 test: build
@@ -56,8 +57,13 @@ tsan: deps
 install: build
 	cmake --install build
 
-format:
-	clang-format -i $$(git ls-files '*.cpp' '*.hpp' '*.h')
+SOURCES = git ls-files -z '*.cpp' '*.hpp' '*.h'
+format: deps
+	$(SOURCES) | xargs -0 clang-format -i
+
+# Fails on any tracked source that `make format` would change.
+format-check: deps
+	$(SOURCES) | xargs -0 clang-format --dry-run -Werror
 
 clean:
 	rm -rf build build-bench build-sanitize build-tsan

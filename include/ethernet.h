@@ -10,7 +10,7 @@
 #include "varkel.h"
 
 // Receive time-outs used by the library, in microseconds.
-inline constexpr uint64_t VARKEL_MODULE_TIMEOUT_US = 600000000; // module channels, and after a drain
+inline constexpr uint64_t VARKEL_MODULE_TIMEOUT_US = 600000000;  // module channels, and after a drain
 inline constexpr uint64_t VARKEL_BACKEND_TIMEOUT_US = 300000000; // data-server connection
 
 // Resolves `host` (name or dotted address, IPv4 only) into `addr` with `port`.

@@ -19,8 +19,7 @@
 #define VARKEL_API __attribute__((visibility("default")))
 #endif
 
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
-              "the data-server records are little-endian on the wire");
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the data-server records are little-endian on the wire");
 
 // ---------------------------------------------------------------------------
 // Models, channels, positions
@@ -472,8 +471,8 @@ static_assert(offsetof(acqArgs, noOfAquisitions) == 1 && offsetof(acqArgs, savef
 static_assert(offsetof(acqStatusArgs, noOfFrames) == 1 && offsetof(acqStatusArgs, noOfAquisitions) == 33 &&
               offsetof(acqStatusArgs, bufferUsed) == 65 && offsetof(acqStatusArgs, error) == 81 &&
               offsetof(acqStatusArgs, lostFrameCnt) == 85 && offsetof(acqStatusArgs, done) == 117 &&
-              offsetof(acqStatusArgs, savedFrameNum) == 118 &&
-              offsetof(acqStatusArgs, savedAquisitionNum) == 126 && offsetof(acqStatusArgs, reserved) == 134);
+              offsetof(acqStatusArgs, savedFrameNum) == 118 && offsetof(acqStatusArgs, savedAquisitionNum) == 126 &&
+              offsetof(acqStatusArgs, reserved) == 134);
 static_assert(offsetof(saveStatusArgs, error) == 2 && offsetof(saveStatusArgs, savedFrameNum) == 6 &&
               offsetof(saveStatusArgs, savedAquisitionNum) == 14 && offsetof(saveStatusArgs, reserved) == 22);
 static_assert(offsetof(initArgs, be_gid) == 1 && offsetof(initArgs, fe_gid) == 65 &&
@@ -725,9 +724,13 @@ VARKEL_API uint8_t* create_shared_memory(varkel_t* varkel);
 VARKEL_API int init_array_data(varkel_t* varkel);
 
 // Copies the current frame (`frame_size` pixels) from the frame buffer into
-// `sample_frame`. Does nothing before a successful init_array_data or when the
-// handle has no `sample_frame`.
-VARKEL_API void get_array_data(varkel_t* varkel);
+// `sample_frame`, reading the segment under its name at the time of the call.
+// Returns 0; ENODATA before a successful init_array_data or when the handle has
+// no `sample_frame` (nothing is copied); EIO when the data server's segment has
+// become smaller than one frame; the error of opening (ENOENT: the data server
+// has removed it) or reading it. After EIO or a read error `sample_frame` may hold
+// part of the frame. The process survives a segment that shrinks during the copy.
+VARKEL_API int get_array_data(varkel_t* varkel);
 
 // Sends `acq_args` as ACQUIRE_ARGS with `acquireParam.numCapture` acquisitions and
 // receives the acknowledgement into `ack`. Returns 0 on ACK, -3 on NAK, -1 when
@@ -762,8 +765,7 @@ VARKEL_API int send_geometryFile_toBackend(varkel_t* varkel, char* geometry_file
 // Stores acquisition arguments in `acq_args` (nothing is sent); `aquisitionMode`
 // is a readout mode, mapped with decode_backend_medipixMode. Returns 0.
 VARKEL_API int update_backend_acqArgs(varkel_t* varkel, uint8_t aquisitionMode, bool useLFSR, uint8_t saveMode,
-                                      bool resetRDMABuffer, uint16_t bcFramesToProcessPerTime,
-                                      uint8_t extraDimensions);
+                                      bool resetRDMABuffer, uint16_t bcFramesToProcessPerTime, uint8_t extraDimensions);
 
 // Stores `name` in `file_template` and `acq_args.savefile`. Returns 0, or 36
 // (ENAMETOOLONG) with nothing changed when it has 300 characters or more.
@@ -894,6 +896,96 @@ VARKEL_API int US_Select_ChipNumber(varkel_t* varkel, int chip_id, varkel_thread
 // US_Select_ChipNumber on the main channel.
 VARKEL_API int select_chipNumber(varkel_t* varkel, int chip_id);
 
+// ---------------------------------------------------------------------------
+// OMR register access
+// ---------------------------------------------------------------------------
+// The controller owns the register bits; fields are addressed by number. Every
+// command goes over the main channel, to the chip selected on that module.
+
+// Whether field `omr` may be written with `v` by set_omr: 0; -11 for a field out
+// of 0..20 (nothing printed) or one that is not writable ("OMR-field not
+// accessible"); -12 for a value the field refuses. Prints "OMR: <omr> -> Value: <v>"
+// for fields in range.
+VARKEL_API int validate_omr(int omr, int v);
+// Sends "HS_ImgChipOMR <op> <omr> <value>"; the reply is not read. Returns the
+// query code.
+VARKEL_API int US_ImgChipOMR(varkel_t* varkel, varkel_omr_operation_t op, varkel_omr_t omr, int value);
+// Writes field `omr` on the chips `send_to` names: the selected chip (0) or every
+// chip (1) of the current module, or the same on every module in turn (2, 3; the
+// main channel ends on the last). Any other target sends nothing and returns 0.
+// Returns validate_omr's code with nothing sent, else the result of the last
+// command. Caches nothing.
+VARKEL_API int set_omr(varkel_t* varkel, varkel_omr_t omr, int value, varkel_send_to_all_t send_to);
+// Counter depth as the controller reports it in bits to its enumeration index:
+// 12 and 24 bits give 1 and 3, anything else -1.
+VARKEL_API int update_counterDepth_index(int value);
+// Reads every field of the selected chip into omr_values (field 6 converted with
+// update_counterDepth_index). The reply's "<field> : <value>," pairs are read up
+// to the first text that is not one; fields outside 0..20 are skipped. Returns 0,
+// or the query code with omr_values left as it was.
+VARKEL_API int get_omr(varkel_t* varkel);
+
+// OMR field operations: one "HS_Set_OMR <field> <value>" or "HS_Get_OMR <field>"
+// each, on the main channel. The number the controller answers is cached in the
+// matching member of `omr` (booleans as non-zero, sense_dacSel as its low 8 bits).
+// Returns -3 with nothing sent for a refused value, else the query code; a failed
+// query leaves the cache alone, and so does a reply that does not start with the
+// expected number (the operation then still returns 0).
+VARKEL_API int US_OmrOMSelec(varkel_t* varkel, varkel_operation_mode_t operation_mode); // 0..7
+VARKEL_API int US_OmrOMSelec_RBV(varkel_t* varkel);
+VARKEL_API int US_ContinuousRW(varkel_t* varkel, varkel_crw_srw_t crw_srw_mode); // 0..1
+VARKEL_API int US_ContinuousRW_RBV(varkel_t* varkel);
+// Reply "Polarity set for: <n>"; the read-back replies a plain number.
+VARKEL_API int US_Polarity(varkel_t* varkel, varkel_polarity_t polarity);
+VARKEL_API int US_Polarity_RBV(varkel_t* varkel);
+VARKEL_API int US_OmrPSSelec(varkel_t* varkel, varkel_dataout_t dataout); // 0..3
+VARKEL_API int US_OmrPSSelec_RBV(varkel_t* varkel);
+VARKEL_API int US_Discriminator(varkel_t* varkel, varkel_discriminator_t discriminator); // 0..1
+VARKEL_API int US_Discriminator_RBV(varkel_t* varkel);
+VARKEL_API int US_TestPulse(varkel_t* varkel, bool test_pulse);
+VARKEL_API int US_TestPulse_RBV(varkel_t* varkel);
+// Sends and caches the enumeration index, not bits.
+VARKEL_API int US_CounterDepth(varkel_t* varkel, varkel_counterDepth_t mode);
+VARKEL_API int US_CounterDepth_RBV(varkel_t* varkel);
+VARKEL_API int US_Equalization(varkel_t* varkel, bool equalization);
+VARKEL_API int US_Equalization_RBV(varkel_t* varkel);
+VARKEL_API int US_SpectroscopicMode(varkel_t* varkel, varkel_spectroscopic_mode_t colour_mode); // 0..1
+VARKEL_API int US_SpectroscopicMode_RBV(varkel_t* varkel);
+VARKEL_API int US_PixelMode(varkel_t* varkel, varkel_pixel_mode_t mode); // 0..1
+VARKEL_API int US_PixelMode_RBV(varkel_t* varkel);
+VARKEL_API int US_Gain(varkel_t* varkel, varkel_gain_mode_t gain_mode); // 0..3, the check prints the value
+VARKEL_API int US_Gain_RBV(varkel_t* varkel);
+// 0..31; the reply is not read: only the read-back caches sense_dacSel.
+VARKEL_API int US_SenseDacSel(varkel_t* varkel, uint8_t dac);
+VARKEL_API int US_SenseDacSel_RBV(varkel_t* varkel);
+
+// ---------------------------------------------------------------------------
+// Equalization and pixel configuration
+// ---------------------------------------------------------------------------
+// Main channel only; no reply is read. The loops go on after a failed command and
+// return the OR of the results.
+
+// Has the controller load equalization set "CFG<cfg_number>" into chip number
+// `sensor`, or into chip numbers 1..36 one by one when `sensor` is 0. -3 with
+// nothing sent for a chip number above 36.
+VARKEL_API int US_Load_Equalization(varkel_t* varkel, uint8_t cfg_number, uint8_t sensor);
+// Loads the 12-bit pixel configuration `value` into chip number `sensor`
+// ("PixelLoad"). -3 with nothing sent (or printed) for a value above 4095.
+VARKEL_API int pixel_load(varkel_t* varkel, uint8_t sensor, uint32_t value);
+// On the current module: read counter read-back, read counter high, equalization
+// on, pixel_load(chip, value), read counter back as it was, equalization off.
+// Every step runs; returns the OR of their results.
+VARKEL_API int config_discl(varkel_t* varkel, int chip, uint32_t value);
+// config_discl on the chips `send_to` names: the chip selected last (0), chip
+// numbers 1..num_all_chips of the current module (1), the chip selected last on
+// every module (2), every chip of every module (3), each selected first. Selection
+// results are not counted; any other target does nothing and returns 0.
+VARKEL_API int US_ConfigDiscL(varkel_t* varkel, uint32_t value, varkel_send_to_all_t send_to);
+// "sendImage <chip> <pattern>": for the chip selected last (0), chip numbers 1..36
+// of the current module (1) or of every module in turn (2). Any other target
+// sends nothing and returns 0.
+VARKEL_API int send_image(varkel_t* varkel, uint8_t send_to_all, uint8_t pattern);
+
 // Serial line to a controller: 115200 baud, 8N1, raw, no flow control.
 
 // Opens and configures `device`; the descriptor goes to varkel_interface (a serial
@@ -989,3 +1081,81 @@ VARKEL_API int trigger_out(varkel_t* varkel, varkel_trigger_out_t trigger_out_mo
 VARKEL_API int trigger_out_get(varkel_t* varkel);
 VARKEL_API int Set_Trigger(varkel_t* varkel, int set_trigger); // 0 or 1, else -3
 VARKEL_API int Set_Trigger_RBV(varkel_t* varkel);
+
+// ---------------------------------------------------------------------------
+// Sensor bias and analogue read-backs
+// ---------------------------------------------------------------------------
+// Main channel (the module selected last, its selected board and chip). A value
+// refused by its check returns -3 with nothing sent; a failed command returns its
+// code and leaves the cache alone; a reply that does not parse leaves it alone too
+// and returns 0.
+
+// Sets the bias of the selected board (0..100 V, finite) and caches the value the
+// controller reports ("High Voltage bias set to %fV") in varkelParam.bias_voltage.
+VARKEL_API int US_SensorBias(varkel_t* varkel, float bias_voltage);
+// Reads the bias of the selected board back into varkelParam.bias_voltage.
+VARKEL_API int US_SensorBias_RBV(varkel_t* varkel);
+// Ramps the selected board's bias from the value read back to `voltage` in 1 V
+// steps, the last step landing exactly on `voltage`. Levels outside 0..100 V are
+// refused (-3 each) and the walk goes on; once a level has left that range in the
+// direction of travel, the rest would be refused as well and are not walked. A
+// read-back that is not finite cannot be ramped from: -3, no level sent. Returns
+// the OR of every exchange's code.
+VARKEL_API int set_sensorBias(varkel_t* varkel, float voltage);
+// Prints "SENT TO VALUE" with `send_to`, then ramps the selected board
+// (VARKEL_SEND_ONE_MFB_ONE_MODULE), every board of the module in turn
+// (VARKEL_SEND_ALL_MFBS_ONE_MODEULE) or every board of every module
+// (VARKEL_SEND_ALL_MFBS_ALL_MODULES, leaving the main channel on the last module).
+// Returns the OR of the board selections' and ramps' codes; -3 for any other
+// target, nothing sent.
+VARKEL_API int setSensorBias(varkel_t* varkel, float voltage, varkel_send_to_all_t send_to);
+// Sets the selected chip's external band-gap input (0..1 V) and caches the reply in
+// varkelParam.extBgIn.
+VARKEL_API int US_ImgChip_ExtBgIn(varkel_t* varkel, float voltage);
+VARKEL_API int US_ImgChip_ExtBgIn_RBV(varkel_t* varkel);
+// Reads the selected chip's DAC output sense voltage into varkelParam.dacOutput.
+VARKEL_API int US_ImgChipDACOUTSense_RBV(varkel_t* varkel);
+// Status-only read-backs: the value shows only in the trace. Return the query code.
+VARKEL_API int US_BandGapOutput_RBV(varkel_t* varkel);
+VARKEL_API int US_BandGapTemperature_RBV(varkel_t* varkel);
+VARKEL_API int US_CascodeBias_RBV(varkel_t* varkel);
+
+// ---------------------------------------------------------------------------
+// DACs
+// ---------------------------------------------------------------------------
+// "HS_ImgChipDAC <operation> <dac> <value>". DACs 1..31; DAC_ThresholdEnergy0,
+// DAC_ThresholdEnergy1, DAC_TPRefA and DAC_TPRefB take 0..511, the others 0..255.
+
+// Writes `value` to DAC `dac`: the selected chip (VARKEL_SEND_ONE_CHIP_ONE_MODULE)
+// or every chip (VARKEL_SEND_ALL_CHIPS_ONE_MODULE) of the module on channel
+// `owner`; the selected chip number on each module in turn, each selected afresh
+// on the main channel (VARKEL_SEND_ONE_CHIP_ALL_MODULES: the last module's write
+// code, the main channel left on the last module); every chip of every module,
+// one worker per module on its own channel (VARKEL_SEND_ALL_CHIPS_ALL_MODULES: 0
+// when all succeeded, else the OR of the failing modules' codes). Board targets
+// send nothing and return 0. -4 for a bad DAC, -5 for a value out of its range,
+// both with nothing sent. No cache is written.
+VARKEL_API int US_Set_DAC(varkel_t* varkel, varkel_dac_t dac, int value, varkel_send_to_all_t send_to,
+                          varkel_thread_t owner);
+// US_Set_DAC on the main channel.
+VARKEL_API int set_dac(varkel_t* varkel, varkel_dac_t dac, int value, varkel_send_to_all_t send_to);
+// Reads DAC values back on the main channel ("HS_ImgChipDAC <read_mode> <dac> 0",
+// both sent unchecked): one code or voltage of the selected chip, or a list of
+// "<chip or DAC number> : <value>," entries, into digital_dac_values or
+// analog_dac_values [chip number - 1][DAC number - 1]. Values whose place falls
+// outside the caches (no chip selected, chip not 1..36, DAC not 1..32) are
+// dropped; a list ends at its first entry that does not parse. Returns the query
+// code; on failure both caches are left alone.
+VARKEL_API int get_dac(varkel_t* varkel, varkel_read_dac_t read_mode, varkel_dac_t dac);
+// Selects the external band-gap input (0.637 V, OMR_Ext_BG_Sel 1) on chip 6 of
+// module 1 and chip 31 of module 2, each selected on the main channel. Returns 0
+// whatever the steps return; the main channel ends on module 2 (on a one-module
+// detector the second chip is set on module 1).
+VARKEL_API int Set_DAC_Defaults(varkel_t* varkel);
+// Writes the optimised DiscL value of each chip: every module, every chip number
+// 1..num_all_chips, each selected on the main channel. Returns 0 whatever the steps
+// return; the main channel ends on the last module.
+VARKEL_API int set_OptimizedDiscL(varkel_t* varkel);
+// "HS_DACBias_RBV" on the main channel; the value shows only in the trace. Returns
+// the query code.
+VARKEL_API int US_DACBias_RBV(varkel_t* varkel);

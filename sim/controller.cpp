@@ -1,9 +1,12 @@
 #include "controller.hpp"
 
+#include "commands.hpp"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdarg>
 #include <cstdio>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <unordered_map>
@@ -11,40 +14,6 @@
 namespace varkel::sim {
 
 namespace {
-
-using Params = std::span<const std::string>;
-
-// What a handler works on: the module it was sent to, the world around it, and
-// the time the request arrived.
-struct Ctx {
-  World& world;
-  Module& mod;
-  int m;
-  Clock::time_point now;
-};
-
-using Handler = Answer (*)(Ctx&, Params);
-
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...)
-{
-  char buf[256];
-  va_list args;
-  va_start(args, fmt);
-  std::vsnprintf(buf, sizeof buf, fmt, args);
-  va_end(args);
-  return buf;
-}
-
-Answer invalid(const std::string& why) { return Answer::error(kInvalidParams, "Invalid params: " + why); }
-
-// A whole parameter as an unsigned decimal number.
-template <typename T> bool number(const std::string& text, T& out)
-{
-  const char* end = text.data() + text.size();
-  auto [p, ec] = std::from_chars(text.data(), end, out, 10);
-  return !text.empty() && ec == std::errc() && p == end;
-}
 
 // The shape of the set/read-back pairs: "<method> 1 <value>" sets, "<method> 0 <x>"
 // reads back. Checks the two numbers and calls `set` or `read`.
@@ -55,10 +24,6 @@ template <typename Set, typename Read> Answer set_or_read(Params p, Set&& set, R
     return invalid("expected an action (0 or 1) and a value");
   return action == 1 ? set(value) : read();
 }
-
-Answer expect_none(Params p, Answer answer) { return p.empty() ? answer : invalid("expected no parameters"); }
-
-Chip& selected_chip(Ctx& c) { return c.mod.chips[c.mod.board][c.mod.chip]; }
 
 // ---- transport and registers ------------------------------------------------
 
@@ -321,6 +286,129 @@ Answer time_remaining(Ctx& c, Params p)
   return expect_none(p, Answer::result(format("%f seconds left", left)));
 }
 
+// ---- OMR register, equalization and pixels ---------------------------------
+
+// The largest value each OMR field holds, by field number.
+constexpr std::array<uint32_t, kOmrFields> kOmrMax = {7, 1, 1, 3, 1, 1, 3, 7, 7, 7, 7, 1, 1, 1, 1, 1, 3, 3, 31, 1, 1};
+// Counter depth by its index, in bits.
+constexpr uint32_t kCounterBits[] = {1, 12, 6, 24};
+
+Answer no_chip(const char* what) { return Answer::error(kServerError, format("No chip %s", what)); }
+
+// The selected chip when one is mounted there.
+Chip* selected_mounted(Ctx& c)
+{
+  Chip& chip = selected_chip(c);
+  return chip.efuse != 0 ? &chip : nullptr;
+}
+
+// The mounted chip of chip number `n` (1..36) on this module.
+Chip* numbered_chip(Ctx& c, uint32_t n)
+{
+  if (n < 1 || n > 36)
+    return nullptr;
+  const ChipPosition at = chip_position(static_cast<int>(n));
+  Chip& chip = c.mod.chips[at.board][at.chip];
+  return chip.efuse != 0 ? &chip : nullptr;
+}
+
+// Why `value` cannot go into OMR field `field`, if it cannot.
+std::optional<Answer> omr_refusal(uint32_t field, uint32_t value)
+{
+  if (field >= kOmrFields)
+    return Answer::error(kServerError, format("No OMR field %u", field));
+  if (value > kOmrMax[field])
+    return Answer::error(kServerError, format("OMR field %u cannot hold %u", field, value));
+  return std::nullopt;
+}
+
+// "HS_ImgChipOMR <op> <field> <value>": write the selected chip (1) or every
+// mounted chip (3), or list every field of the selected chip (4).
+Answer img_chip_omr(Ctx& c, Params p)
+{
+  uint32_t op = 0, field = 0, value = 0;
+  if (p.size() != 3 || !number(p[0], op) || !number(p[1], field) || !number(p[2], value))
+    return invalid("expected an operation, a field and a value");
+  Chip* selected = selected_mounted(c);
+  if (op == 4) {
+    if (!selected)
+      return no_chip("selected");
+    std::string pairs;
+    for (uint32_t f = 0; f < kOmrFields; ++f)
+      pairs += format("%u : %u,", f, f == kOmrCounterDepth ? kCounterBits[selected->omr[f]] : selected->omr[f]);
+    return Answer::result(pairs);
+  }
+  if (op != 1 && op != 3)
+    return invalid("operation 1, 3 or 4 expected");
+  if (auto refused = omr_refusal(field, value))
+    return *refused;
+  if (op == 1 && !selected)
+    return no_chip("selected");
+  for (auto& board : c.mod.chips)
+    for (Chip& chip : board)
+      if (op == 3 ? chip.efuse != 0 : &chip == selected)
+        chip.omr[field] = value;
+  return Answer::result(format("OMR field %u set to %u", field, value));
+}
+
+// "HS_Set_OMR <field> <value>" on the selected chip: answers the value in force.
+Answer set_omr_field(Ctx& c, Params p)
+{
+  uint32_t field = 0, value = 0;
+  if (p.size() != 2 || !number(p[0], field) || !number(p[1], value))
+    return invalid("expected a field and a value");
+  if (auto refused = omr_refusal(field, value))
+    return *refused;
+  Chip* chip = selected_mounted(c);
+  if (!chip)
+    return no_chip("selected");
+  chip->omr[field] = value;
+  return Answer::result(format(field == 2 ? "Polarity set for: %u" : "%u", chip->omr[field]));
+}
+
+Answer get_omr_field(Ctx& c, Params p)
+{
+  uint32_t field = 0;
+  if (p.size() != 1 || !number(p[0], field) || field >= kOmrFields)
+    return invalid("expected an OMR field");
+  Chip* chip = selected_mounted(c);
+  return chip ? Answer::result(format("%u", chip->omr[field])) : no_chip("selected");
+}
+
+// "HS_LoadEqualization CFG<n> <chip number>": stored sets are CFG0 to CFG255.
+Answer load_equalization(Ctx& c, Params p)
+{
+  uint32_t set = 0, n = 0;
+  if (p.size() != 2 || p[0].rfind("CFG", 0) != 0 || !number(p[0].substr(3), set) || set > 255 || !number(p[1], n))
+    return invalid("expected a set CFG0 to CFG255 and a chip number");
+  Chip* chip = numbered_chip(c, n);
+  if (!chip)
+    return no_chip(p[1].c_str());
+  chip->equalization_set = static_cast<int>(set);
+  return Answer::result(format("Equalization %s loaded on chip %u", p[0].c_str(), n));
+}
+
+Answer pixel_load(Ctx& c, Params p)
+{
+  uint32_t n = 0, value = 0;
+  if (p.size() != 2 || !number(p[0], n) || !number(p[1], value) || value > 4095)
+    return invalid("expected a chip number and a 12-bit value");
+  Chip* chip = numbered_chip(c, n);
+  if (!chip)
+    return no_chip(p[0].c_str());
+  chip->pixel_config = value;
+  return Answer::result(format("Pixel configuration %u loaded on chip %u", value, n));
+}
+
+Answer send_image(Ctx& c, Params p)
+{
+  uint32_t n = 0, pattern = 0;
+  if (p.size() != 2 || !number(p[0], n) || !number(p[1], pattern) || pattern > 255)
+    return invalid("expected a chip number and a pattern");
+  return numbered_chip(c, n) ? Answer::result(format("Image pattern %u sent from chip %u", pattern, n))
+                             : no_chip(p[0].c_str());
+}
+
 const std::unordered_map<std::string_view, Handler> kCommands = {
     {"TransportParams", transport_params},
     {"ConfigureTransport", configure_transport},
@@ -346,6 +434,13 @@ const std::unordered_map<std::string_view, Handler> kCommands = {
     {"HS_SoftwareTrigger", software_trigger},
     {"HS_TriggerOut_Command", trigger_out},
     {"HS_Set_Trigger", set_trigger},
+    // OMR register, equalization and pixels
+    {"HS_ImgChipOMR", img_chip_omr},
+    {"HS_Set_OMR", set_omr_field},
+    {"HS_Get_OMR", get_omr_field},
+    {"HS_LoadEqualization", load_equalization},
+    {"PixelLoad", pixel_load},
+    {"sendImage", send_image},
 };
 
 } // namespace
@@ -353,11 +448,12 @@ const std::unordered_map<std::string_view, Handler> kCommands = {
 Answer run_command(World& world, int m, const Call& call)
 {
   const auto it = kCommands.find(call.method);
-  if (it == kCommands.end())
+  const Handler handler = it != kCommands.end() ? it->second : dac_command(call.method);
+  if (handler == nullptr)
     return Answer::error(kMethodNotFound, "Method not found: " + call.method);
   std::lock_guard lock(world.mutex);
   Ctx c{world, world.modules[m], m, Clock::now()};
-  Answer answer = it->second(c, call.params);
+  Answer answer = handler(c, call.params);
   world.publish(c.now);
   return answer;
 }

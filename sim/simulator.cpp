@@ -132,6 +132,7 @@ ModuleView Simulator::module(int module) const
     for (int c = 0; c < kPositionsPerBoard; ++c)
       if (mod.chips[b][c].efuse != 0 && !mod.chips[b][c].live())
         v.chips_off.push_back((2 - b) * 12 + c + 1);
+  v.bias_levels = mod.bias_levels;
   return v;
 }
 

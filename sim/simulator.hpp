@@ -34,6 +34,8 @@ struct ModuleView {
   uint64_t exposures_taken = 0;
   uint64_t frames_delivered = 0;
   std::vector<int> chips_off; // chip numbers switched off by register writes
+  // Every level a board's bias was set to, the latest 256.
+  std::vector<double> bias_levels;
 };
 
 class Simulator {

@@ -37,10 +37,26 @@ struct Run {
   double remaining_at(Clock::time_point t) const; // seconds
 };
 
+// Fields of a chip's operation mode register, by field number.
+inline constexpr int kOmrFields = 21;
+inline constexpr int kOmrCounterDepth = 6; // held as 0..3, reported in bits when all are read
+
+// The DAC codes a chip powers up with, by DAC number.
+inline constexpr std::array<uint32_t, 32> kDacDefaults = {0,   30,  30,  30,  30,  30,  30,  30,  30,  100, 10,
+                                                          125, 125, 100, 0,   125, 30,  128, 4,   255, 135, 128,
+                                                          190, 174, 511, 255, 128, 128, 128, 128, 0,   200};
+
 struct Chip {
   uint32_t efuse = 0; // 0: no chip at this position
   std::map<uint32_t, uint32_t> regs;
+  std::array<uint32_t, kOmrFields> omr{0, 0, 0, 0, 0, 0, 1}; // power-on: 12-bit counters
+  int equalization_set = -1;                                 // none loaded
+  uint32_t pixel_config = 0;                                 // last value loaded
   bool live() const;
+  // Analogue settings: DAC codes by DAC number (1..31; 0 unused), the external
+  // band-gap input in volts.
+  std::array<uint32_t, 32> dacs = kDacDefaults;
+  double ext_bg = 0.0;
 };
 
 // The transport parameters the controller expects before ConfigureTransport.
@@ -70,6 +86,11 @@ struct Module {
   uint64_t exposures_before = 0; // lifetime count of exposures of earlier runs
   uint64_t delivered_before = 0; // frames earlier runs delivered to the data server
   uint64_t delivered_runs = 0;   // runs whose frames reach the data server, the current one included
+
+  // The sensor bias of each board in volts, and every level a bias was set to
+  // (the latest 256).
+  std::array<double, kMaxBoards> bias{};
+  std::vector<double> bias_levels;
 
   void reset();
 };

@@ -90,6 +90,15 @@ TEST_F(Channel, FailuresReturnTheirCodesAndLeaveTheResult)
   EXPECT_EQ(query_and_cache(v, static_cast<varkel_thread_t>(9), result, "%s", "A"), ENOTCONN);
 }
 
+// The 600 s set at the connection is read back in the connection tests.
+TEST_F(Channel, AQueryLeavesTheReceiveTimeoutAlone)
+{
+  ASSERT_EQ(set_timeout(v->fd[0], 300000000), 0);
+  char result[1024];
+  ASSERT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE1, result, "%s", "A"), 0);
+  EXPECT_EQ(receive_timeout_us(v->fd[0]), 300000000);
+}
+
 // The scan and status shapes run under every operation of the acquisition tests.
 TEST_F(Channel, ExpectShapeReturnsItsCodeOnAnotherText)
 {
@@ -123,7 +132,11 @@ TEST_F(Channel, ParallelFanOutRunsOneWorkerPerModuleAndOrsResults)
 class Trace : public Channel {
 protected:
   void SetUp() override { std::filesystem::current_path(dir); }
-  void TearDown() override { std::filesystem::current_path(old); }
+  void TearDown() override
+  {
+    std::filesystem::current_path(old);
+    std::filesystem::remove_all(dir);
+  }
   std::vector<std::string> log_lines()
   {
     std::ifstream in(dir / "log.txt");

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -10,10 +11,12 @@
 #include <set>
 #include <string>
 #include <sys/mman.h>
+#include <sys/time.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
+#include "ethernet.h"
 #include "fake_data_server.hpp"
 #include "process.hpp"
 #include "varkel.h"
@@ -259,6 +262,52 @@ TEST(DataServer, ConcurrentExchangesNeverInterleave)
   EXPECT_EQ(std::set<uint64_t>(saved.begin(), saved.end()).size(), saved.size());
 }
 
+// The acquisition timer's signal reaches the waiting caller between the two parts
+// of each record: the handshake, STOP and SAVE_STATUS still get their whole record,
+// and the wait as a whole keeps the socket's time-out however often it is cut.
+TEST(DataServer, RecordsSplitByTheTimerSignalArriveWholeWithinOneTimeout)
+{
+  wait_toStart_polling(3600.0f); // the library's SIGALRM handler, without SA_RESTART
+  const itimerval off{};
+  setitimer(ITIMER_REAL, &off, nullptr);
+  const pthread_t caller = pthread_self();
+  std::atomic<int> pauses{1}; // before the second part, each 50 ms and then a signal
+  FakeDataServer fake([](const Record& request) {
+    if (request[0] == SAVE_STATUS)
+      return RecordReply::of(saveStatusArgs{SAVE_STATUS, DONE, {}, 6, 5, {}}, Trigger::split_record);
+    return RecordReply::of(simpleArgs{ACK, 0, {}}, Trigger::split_record);
+  });
+  fake.set_between_parts([&pauses, caller] {
+    for (int i = pauses; i > 0; --i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50)); // the caller waits in its receive
+      pthread_kill(caller, SIGALRM);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  });
+  fake.spoil_greeting(Trigger::split_record);
+  varkel_t* v = varkel_new(varkelQuad);
+  CaptureStdout();
+  start_polling = 0;
+  EXPECT_EQ(varkel_connect_backend(v, "127.0.0.1", fake.port()), 0);
+  EXPECT_EQ(start_polling, 1); // the signal did arrive
+  const initArgs sent = sample_init_args();
+  EXPECT_EQ(bytes(&v->init_args, 400), bytes(&sent, 400));
+  EXPECT_EQ(send_stopAcquire_toBackend(v), 0);
+  uint64_t saved = 0;
+  EXPECT_EQ(get_saveStatus_fromBackend(v, &saved), 0);
+  EXPECT_EQ(saved, 5u);
+  // 200 ms of time-out against a second part 500 ms late: a wait that started
+  // over at each signal would get the whole record.
+  ASSERT_EQ(set_timeout(v->backend_socket, 200000), 0);
+  pauses = 10;
+  EXPECT_EQ(send_stopAcquire_toBackend(v), -1);
+  const std::string out = GetCapturedStdout();
+  for (const char* line :
+       {"Received STOP_ACQUIRE response with status DONE\n", "Error while receiving ack for STOP_ACQUIRE\n"})
+    EXPECT_NE(out.find(line), std::string::npos) << out;
+  varkel_delete(v);
+}
+
 // The frame buffer lives under fixed names: these tests hold them while they
 // create and remove segments.
 class FrameBuffer : public testing::Test {
@@ -332,7 +381,7 @@ TEST_F(FrameBuffer, PrepareMapsWhateverTheReplyAndFramesAreCopiedWithoutLeaks)
     EXPECT_EQ(v->sample_frame[5], -1);
     std::free(v->sample_frame); // a handle without its frame copy is left alone
     v->sample_frame = nullptr;
-    get_array_data(v);
+    EXPECT_EQ(get_array_data(v), ENODATA);
   }
   EXPECT_EQ(mappings_of(kQuad) + mappings_of(kTrio), 0);
 }
@@ -364,8 +413,42 @@ TEST_F(FrameBuffer, MissingOrUnusableSegmentsMapNothing)
     EXPECT_EQ(GetCapturedStderr(), c.error);
     EXPECT_NE(GetCapturedStdout().find(c.printed), std::string::npos) << c.printed;
     EXPECT_EQ(v->adata.sample_frame, nullptr);
-    get_array_data(v); // nothing to copy from: the frame stays as it was
+    EXPECT_EQ(get_array_data(v), ENODATA); // nothing to copy from: the frame stays as it was
     EXPECT_EQ(v->sample_frame[0], 42);
     varkel_delete(v);
   }
+}
+
+// The data server shrinks its segment before and while the frame is copied: the
+// copy ends early with a code, and the process lives on.
+TEST_F(FrameBuffer, ASegmentThatShrinksGivesACodeNotACrash)
+{
+  constexpr std::size_t kFrame = 9437184;
+  create(kTrio, kFrame, 3);
+  varkel_t* v = varkel_new(varkelTrio);
+  v->simulate = 1;
+  CaptureStdout();
+  ASSERT_EQ(init_array_data(v), 0);
+  GetCapturedStdout();
+  const int fd = shm_open(kTrio, O_RDWR, 0);
+  ASSERT_EQ(ftruncate(fd, 4096), 0);
+  EXPECT_EQ(get_array_data(v), EIO);
+  EXPECT_EQ(v->sample_frame[1023], 3 + 1023); // what is left is copied
+  std::atomic<bool> done{false};
+  std::thread shrinker([&] {
+    for (off_t size = 4096; !done; size = kFrame + 4096 - size)
+      ASSERT_EQ(ftruncate(fd, size), 0);
+  });
+  std::set<int> codes;
+  for (int i = 0; i < 20; ++i)
+    codes.insert(get_array_data(v));
+  done = true;
+  shrinker.join();
+  codes.erase(0);
+  codes.erase(EIO);
+  EXPECT_TRUE(codes.empty()) << *codes.begin();
+  shm_unlink(kTrio);
+  EXPECT_EQ(get_array_data(v), ENOENT);
+  close(fd);
+  varkel_delete(v);
 }

@@ -26,6 +26,7 @@
 
 #include "decode.h"
 #include "simulator.hpp"
+#include "utils.h"
 #include "varkel.h"
 
 namespace {
@@ -49,6 +50,7 @@ struct Settings {
   int exposures = 10;
   std::string png = "varkel-demo.png";
   std::string log = "varkel-demo.log";
+  std::string dacs = "examples/dacs/index.ini"; // DAC files; relative paths from the working directory
 };
 
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -70,7 +72,7 @@ int usage()
 {
   std::fprintf(stderr,
                "usage: varkel-demo [--model kinlet|lite|trio|quad] [--exposure S] [--period S] [--exposures N]\n"
-               "                   [--png FILE] [--log FILE]\n"
+               "                   [--png FILE] [--log FILE] [--dacs INDEX]\n"
                "                   [--latency-us N] [--missing-chip MODULE:CHIP]...   (simulator in this process)\n"
                "                   [--module HOST:PORT]... --data-server HOST:PORT    (a detector elsewhere)\n");
   return 2;
@@ -126,6 +128,8 @@ bool parse_args(int argc, char** argv, Settings& s)
       s.png = value;
     } else if (arg == "--log") {
       s.log = value;
+    } else if (arg == "--dacs") {
+      s.dacs = value;
     } else {
       return false;
     }
@@ -319,6 +323,137 @@ public:
     return from_code(rc, format("%d module(s) side by side%s", v_->max_num_modules, ratio.c_str()));
   }
 
+  // ---- calibration ----
+
+  // The DAC files on module 1 alone, on a second handle: the yardstick for the
+  // load on every module at once.
+  Outcome load_dacs_one_module(const Endpoint& module1)
+  {
+    varkel_t* scratch = varkel_new(varkelTrio);
+    scratch->init_args = v_->init_args;
+    int rc = varkel_init(scratch, 0, module1.host.c_str(), module1.port);
+    mark_missing(scratch);
+    const auto t0 = Clock::now();
+    rc |= configure_module_dacs_with_file(scratch, s_.dacs.c_str());
+    one_module_dacs_ms_ = ms(Clock::now() - t0);
+    varkel_delete(scratch);
+    return from_code(rc, format("module 1 alone on a second handle, for comparison"));
+  }
+
+  Outcome load_dacs()
+  {
+    mark_missing(v_);
+    const auto t0 = Clock::now();
+    const int rc = configure_module_dacs_with_file(v_, s_.dacs.c_str());
+    const double took = ms(Clock::now() - t0);
+    std::string ratio;
+    if (one_module_dacs_ms_ > 0)
+      ratio = format(": %.2f x one module's time", took / one_module_dacs_ms_);
+    return from_code(rc,
+                     format("%s, %d module(s) side by side%s", s_.dacs.c_str(), v_->max_num_modules, ratio.c_str()));
+  }
+
+  // The external band-gap input on chip 6 of module 1 and chip 31 of module 2, the
+  // second read back.
+  Outcome dac_defaults()
+  {
+    Set_DAC_Defaults(v_);
+    const int rc = US_ImgChip_ExtBgIn_RBV(v_);
+    return from_code(rc, format("external band-gap input on module 1 chip 6 and module %d chip 31, reads %.3f V",
+                                v_->varkel_module, double{v_->varkelParam.extBgIn}));
+  }
+
+  // Every board of every module ramped to the working bias, one volt at a time.
+  Outcome bias_ramp(const varkel::sim::Simulator* sim)
+  {
+    constexpr float kWorkingBias = 15.5f;
+    const int rc = setSensorBias(v_, kWorkingBias, VARKEL_SEND_ALL_MFBS_ALL_MODULES);
+    std::string levels;
+    if (sim != nullptr) {
+      // Module 1's first board: the first of its boards' equal shares.
+      const std::vector<double> l = sim->module(1).bias_levels;
+      const std::size_t n = l.size() / static_cast<std::size_t>(std::max<int>(v_->max_num_boards, 1));
+      for (std::size_t i = 0; i < n; ++i) {
+        if (i >= 3 && i + 2 < n)
+          continue;
+        levels += format("%s%g", i == 0 ? "" : (i > 3 && i + 2 == n) ? " ... " : ", ", l[i]);
+      }
+      levels = format(", levels %s V on each", levels.c_str());
+    }
+    return from_code(rc, format("%d board(s) ramped to %.1f V%s", v_->max_num_modules * v_->max_num_boards,
+                                double{v_->varkelParam.bias_voltage}, levels.c_str()));
+  }
+
+  // Chips the detector lacks receive no DAC writes.
+  void mark_missing(varkel_t* h) const
+  {
+    for (int m = 1; m <= h->max_num_modules; ++m)
+      for (int c = 1; c <= 36; ++c)
+        h->sensor_disabled[m - 1][c - 1] = !mounted(m, c);
+  }
+
+  // ---- chip configuration ----
+
+  // The OMR fields a run sets, on every chip of every module, and equalization set
+  // kEqualizationSet on every mounted chip; then each module's fields read back from
+  // its first mounted chip.
+  Outcome configure_chips()
+  {
+    struct Setting {
+      varkel_omr_t field;
+      int value;
+      const char* shown;
+    };
+    static constexpr Setting kSettings[] = {
+        {OMR_Polarity, VARKEL_POLARITY_HOLES, "polarity"},     {OMR_Gain_Mode, VARKEL_GAIN_MODE_HIGH, "gain"},
+        {OMR_CountL, VARKEL_COUNTERDEPTH_24BITS, "depth"},     {OMR_CSM_SPM, VARKEL_PIXEL_MODE_CHARGE_SUMMING, "pixel"},
+        {OMR_Disc_CSM_SPM, VARKEL_DISCRIMINATOR_HIGH, "disc"},
+    };
+    constexpr uint8_t kEqualizationSet = 3;
+    int rc = 0;
+    for (const Setting& x : kSettings)
+      rc |= set_omr(v_, x.field, x.value, VARKEL_SEND_ALL_CHIPS_ALL_MODULES);
+    int loads = 0;
+    bool same = true;
+    std::string read;
+    for (int m = 1; m <= v_->max_num_modules; ++m) {
+      rc |= select_module(v_, m);
+      int first = 0;
+      for (int c = 1; c <= 36; ++c) {
+        if (!mounted(m, c))
+          continue;
+        first = first ? first : c;
+        rc |= US_Load_Equalization(v_, kEqualizationSet, static_cast<uint8_t>(c));
+        ++loads;
+      }
+      if (first == 0)
+        continue;
+      rc |= select_chipNumber(v_, first) | get_omr(v_);
+      read += format(" m%d", m);
+      for (const Setting& x : kSettings) {
+        read += format("%s%d", &x == kSettings ? " " : "/", v_->omr_values[x.field]);
+        same = same && v_->omr_values[x.field] == x.value;
+      }
+    }
+    if (rc != 0)
+      return from_code(rc, "");
+    std::string names;
+    for (const Setting& x : kSettings)
+      names += format("%s%s", &x == kSettings ? "" : "/", x.shown);
+    return {same, format("CFG%u on %d chip(s); %s read back:%s", kEqualizationSet, loads, names.c_str(), read.c_str())};
+  }
+
+  // Whether chip number c of module m is mounted: on a board and position the
+  // model has, and not given as missing.
+  bool mounted(int m, int c) const
+  {
+    const varkel::sim::Geometry g = varkel::sim::geometry_of(s_.model);
+    const varkel::sim::ChipPosition at = varkel::sim::chip_position(c);
+    return at.board < g.boards && at.chip < g.chips &&
+           std::none_of(s_.missing.begin(), s_.missing.end(),
+                        [&](const auto& x) { return x.module == m && x.chip_number == c; });
+  }
+
   Outcome trigger_arrangement()
   {
     const int rc = define_master_module(v_, 1, false, VARKEL_TRIGGER_MODE_EXTERNAL_POS_EDGE);
@@ -388,7 +523,8 @@ public:
 
   Outcome sample_frame()
   {
-    get_array_data(v_);
+    if (const int rc = get_array_data(v_); rc != 0)
+      return {false, std::string("cannot copy the frame: ") + varkel_error_string(rc)};
     const std::size_t n = v_->frame_size;
     int64_t total = 0;
     int32_t top = 0;
@@ -421,6 +557,7 @@ private:
   const Settings& s_;
   varkel_t* v_;
   double sequential_ms_ = 0;
+  double one_module_dacs_ms_ = 0;
   int steps_ = 0;
   uint64_t frames_counted_ = 0;
 };
@@ -488,6 +625,12 @@ int main(int argc, char** argv)
       (v->max_num_modules == 1 ||
        demo.step("modules one by one", [&] { return demo.connect_one_by_one(s.modules); })) &&
       demo.step("module connection", [&] { return demo.connect_modules(s.modules); }) &&
+      (v->max_num_boards < 3 ||
+       (demo.step("DAC files, one module", [&] { return demo.load_dacs_one_module(s.modules[0]); }) &&
+        demo.step("DAC files", [&] { return demo.load_dacs(); }))) &&
+      demo.step("DAC defaults", [&] { return demo.dac_defaults(); }) &&
+      demo.step("sensor bias", [&] { return demo.bias_ramp(sim.get()); }) &&
+      demo.step("chip configuration", [&] { return demo.configure_chips(); }) &&
       demo.step("acquisition time",
                 [&] {
                   const int rc = set_acquireTime(v, s.exposure);

@@ -14,6 +14,7 @@
 #include "ethernet.h"
 #include "internal/backend.hpp"
 #include "internal/backend_records.hpp"
+#include "internal/descriptor.hpp"
 #include "utils.h"
 
 namespace varkel::detail {
@@ -28,6 +29,12 @@ void print_line(const char* text)
   errno = saved;
 }
 
+// Bytes of the handle's frame: at most the whole mapping.
+std::size_t frame_bytes(const varkel_t* v)
+{
+  return std::min<std::size_t>(std::size_t{v->frame_size} * 4, kFrameBufferSize);
+}
+
 } // namespace
 
 bool send_record(int fd, const void* record)
@@ -37,13 +44,9 @@ bool send_record(int fd, const void* record)
 
 ssize_t receive_record(int fd, void* record)
 {
-  // The acquisition timer's SIGALRM is caught without SA_RESTART: a wait it cuts
-  // short before anything arrived is simply resumed.
-  ssize_t n;
-  do
-    n = recv(fd, record, kRecordSize, MSG_WAITALL);
-  while (n < 0 && errno == EINTR);
-  return n;
+  // The acquisition timer's SIGALRM is caught without SA_RESTART and may cut a
+  // record in two: the wait resumes for the rest, within the socket's time-out.
+  return receive_exact(fd, record, kRecordSize, receive_timeout(fd));
 }
 
 void release_backend(varkel_t* v)
@@ -68,7 +71,7 @@ int varkel_connect_backend(varkel_t* varkel, const char* address, unsigned short
 
   if (varkel->backend_socket != -1)
     varkel_disconnect_backend(varkel);
-  varkel->backend_socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  varkel->backend_socket = off_zero(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (varkel->backend_socket < 0) {
     varkel->backend_socket = -1;
     return errno;
@@ -88,8 +91,7 @@ void varkel_disconnect_backend(varkel_t* varkel)
   assert(varkel != NULL);
   if (varkel->backend_socket == -1)
     return;
-  safe_close(varkel->backend_socket);
-  varkel->backend_socket = -1;
+  release_descriptor(varkel->backend_socket);
   print_debug(varkel->debug_out, "[DISC]", "");
 }
 
@@ -139,26 +141,22 @@ uint8_t* create_shared_memory(varkel_t* varkel)
     print_line(segment->missing_text);
     return nullptr;
   }
-  const int fd = shm_open(segment->name, O_RDWR, 0777);
-  if (fd < 0) {
+  // Closed on every way out; the mapping outlives it.
+  const Descriptor fd(shm_open(segment->name, O_RDWR, 0777));
+  if (fd.get() < 0) {
     print_line(segment->open_fail_text);
     return nullptr;
   }
-  // Pages past the end of the segment fault on access: it must hold at least the
-  // frame this handle copies out of it.
+  // The segment must hold at least the frame this handle copies out of it.
   struct stat st {};
-  const std::size_t frame_bytes = std::min<std::size_t>(std::size_t{varkel->frame_size} * 4, kFrameBufferSize);
-  if (fstat(fd, &st) != 0 || st.st_size < static_cast<off_t>(frame_bytes)) {
-    close(fd);
-    printf("Shared memory file %s is smaller than one frame (%zu bytes).\n", segment->file, frame_bytes);
+  const std::size_t bytes = frame_bytes(varkel);
+  if (fstat(fd.get(), &st) != 0 || st.st_size < static_cast<off_t>(bytes)) {
+    printf("Shared memory file %s is smaller than one frame (%zu bytes).\n", segment->file, bytes);
     errno = EINVAL;
     return nullptr;
   }
-  void* map = mmap(nullptr, kFrameBufferSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  const int map_errno = errno;
-  close(fd);
+  void* map = mmap(nullptr, kFrameBufferSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
   if (map == MAP_FAILED) {
-    errno = map_errno;
     print_line("Cannot map shared memory file.");
     return nullptr;
   }
@@ -180,11 +178,29 @@ int init_array_data(varkel_t* varkel)
   return 0;
 }
 
-void get_array_data(varkel_t* varkel)
+int get_array_data(varkel_t* varkel)
 {
   assert(varkel != NULL);
   if (varkel->adata.sample_frame == nullptr || varkel->sample_frame == nullptr)
-    return;
-  const std::size_t bytes = std::min<std::size_t>(std::size_t{varkel->frame_size} * 4, kFrameBufferSize);
-  std::memcpy(varkel->sample_frame, varkel->adata.sample_frame, bytes);
+    return ENODATA;
+  // Read through the segment's descriptor, not the mapping: pages the data server
+  // cuts off by shrinking the segment fault (SIGBUS) when touched through the
+  // mapping, while a read just ends early.
+  const FrameSegment* segment = frame_segment(varkel->detModel, varkel->simulate);
+  const Descriptor fd(segment != nullptr ? shm_open(segment->name, O_RDONLY | O_CLOEXEC, 0) : -1);
+  if (fd.get() < 0)
+    return segment != nullptr ? errno : ENODATA;
+  auto* out = reinterpret_cast<char*>(varkel->sample_frame);
+  const std::size_t bytes = frame_bytes(varkel);
+  for (std::size_t got = 0; got < bytes;) {
+    const ssize_t n = pread(fd.get(), out + got, bytes - got, static_cast<off_t>(got));
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      return errno;
+    if (n == 0)
+      return EIO;
+    got += static_cast<std::size_t>(n);
+  }
+  return 0;
 }

@@ -11,6 +11,7 @@
 #include "ethernet.h"
 #include "internal/backend.hpp"
 #include "internal/backend_records.hpp"
+#include "internal/descriptor.hpp"
 
 namespace varkel::detail {
 
@@ -33,10 +34,8 @@ constexpr int kEndProcess = std::numeric_limits<int>::min();
 
 [[noreturn]] void end_process(varkel_t* v, bool close_socket)
 {
-  if (close_socket && v->backend_socket != -1) {
-    safe_close(v->backend_socket);
-    v->backend_socket = -1;
-  }
+  if (close_socket)
+    release_descriptor(v->backend_socket);
   std::exit(0);
 }
 

@@ -47,13 +47,17 @@ int send_all(int fd, const char* text, std::size_t size)
 }
 
 // Waits for the rest of a reply that arrived in part, until it forms one complete
-// JSON value, `buf` is full, or nothing more arrives within the continuation wait.
-// Returns the new length.
+// JSON value, `buf` is full, or nothing more arrives within the continuation wait
+// (counted from the last segment: a signal does not restart it). Returns the new
+// length.
 std::size_t complete_reply(int fd, char* buf, std::size_t len, std::size_t capacity)
 {
+  using Clock = std::chrono::steady_clock;
+  auto deadline = Clock::now() + kReplyContinuationWait;
   while (len < capacity && reply_shape({buf, len}) == ReplyShape::incomplete) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     pollfd p{fd, POLLIN, 0};
-    const int ready = poll(&p, 1, static_cast<int>(kReplyContinuationWait.count()));
+    const int ready = left > 0 ? poll(&p, 1, static_cast<int>(left)) : 0;
     if (ready < 0 && errno == EINTR)
       continue;
     if (ready <= 0)
@@ -62,6 +66,7 @@ std::size_t complete_reply(int fd, char* buf, std::size_t len, std::size_t capac
     if (n <= 0)
       break;
     len += static_cast<std::size_t>(n);
+    deadline = Clock::now() + kReplyContinuationWait;
   }
   return len;
 }
@@ -147,7 +152,9 @@ int vquery(varkel_t* varkel, char* result, uint64_t result_size, const char* cmd
   const int fd = channel_socket(varkel, owner);
   if (fd < 0)
     return ENOTCONN;
-  drain_input(fd);
+  // The receive time-out stays as the connection set it (600 s): setting it again
+  // on every query would cost a system call for nothing.
+  discard_waiting(fd);
   if (int rc = vcommand(varkel, cmd_format, args, owner); rc != 0)
     return rc;
   return receive(varkel, result, result_size, owner);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "ethernet.h"
+#include "internal/channel.hpp"
 
 int get_address(const char* host, uint16_t port, struct sockaddr_in* addr)
 {
@@ -45,7 +46,9 @@ int set_timeout(int socket, uint64_t timeout_us)
   return 0;
 }
 
-void drain_input(int socket)
+namespace varkel::detail {
+
+void discard_waiting(int socket)
 {
   // Only what has already arrived is stale: non-blocking reads take it without
   // waiting, where a 1-microsecond receive time-out would cost a scheduler tick
@@ -55,6 +58,13 @@ void drain_input(int socket)
     if (recv(socket, scratch, sizeof scratch, MSG_DONTWAIT) <= 0)
       break;
   }
+}
+
+} // namespace varkel::detail
+
+void drain_input(int socket)
+{
+  varkel::detail::discard_waiting(socket);
   (void)set_timeout(socket, VARKEL_MODULE_TIMEOUT_US);
 }
 

@@ -15,4 +15,8 @@ inline constexpr std::chrono::milliseconds kReplyContinuationWait{500};
 // channel: module sockets start at 0 in a fresh handle.
 int channel_socket(const varkel_t* v, varkel_thread_t owner);
 
+// Discards what has already arrived on `socket` (at most 100 reads of 512 bytes),
+// without waiting and without touching its time-outs.
+void discard_waiting(int socket);
+
 } // namespace varkel::detail

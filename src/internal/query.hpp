@@ -22,8 +22,7 @@
 namespace varkel::detail {
 
 // Send, status only: returns the query code.
-template <typename... Args>
-int query_status(varkel_t* v, varkel_thread_t owner, const char* cmd, Args... args)
+template <typename... Args> int query_status(varkel_t* v, varkel_thread_t owner, const char* cmd, Args... args)
 {
   char reply[kReplySize];
   return query_and_cache(v, owner, reply, cmd, args...);
@@ -47,8 +46,7 @@ int query_scan(varkel_t* v, varkel_thread_t owner, const char* scan, Store&& sto
 // Send, compare the result text with `expected`. Returns the query code, or
 // `mismatch` when the text differs.
 template <typename... Args>
-int query_expect(varkel_t* v, varkel_thread_t owner, const char* expected, int mismatch, const char* cmd,
-                 Args... args)
+int query_expect(varkel_t* v, varkel_thread_t owner, const char* expected, int mismatch, const char* cmd, Args... args)
 {
   char reply[kReplySize];
   if (int rc = query_and_cache(v, owner, reply, cmd, args...); rc != 0)
@@ -58,8 +56,7 @@ int query_expect(varkel_t* v, varkel_thread_t owner, const char* expected, int m
 
 // The set form of a set/read-back template on the main channel: -3 when the
 // value was refused (nothing sent), else the query code.
-template <typename... Args>
-int write_checked(varkel_t* v, bool valid, const char* cmd, Args... args)
+template <typename... Args> int write_checked(varkel_t* v, bool valid, const char* cmd, Args... args)
 {
   assert(v != NULL);
   return valid ? query_status(v, VARKEL_THREAD_MAIN, cmd, 1u, args...) : -3;
@@ -67,8 +64,7 @@ int write_checked(varkel_t* v, bool valid, const char* cmd, Args... args)
 
 // As write_checked for one value, which is stored in `field` once the controller
 // has answered (the requested value, not the reply).
-template <typename Field>
-int write_and_store(varkel_t* v, bool valid, Field& field, Field value, const char* cmd)
+template <typename Field> int write_and_store(varkel_t* v, bool valid, Field& field, Field value, const char* cmd)
 {
   const int rc = write_checked(v, valid, cmd, static_cast<unsigned>(value));
   if (rc == 0)
@@ -83,7 +79,8 @@ template <typename T, typename Field, typename... Args>
 int read_into(varkel_t* v, const char* scan, Field& field, const char* cmd, Args... args)
 {
   assert(v != NULL);
-  return query_scan<T>(v, VARKEL_THREAD_MAIN, scan, [&](T x) { field = static_cast<Field>(x); }, cmd, args...);
+  return query_scan<T>(
+      v, VARKEL_THREAD_MAIN, scan, [&](T x) { field = static_cast<Field>(x); }, cmd, args...);
 }
 
 // The set form whose reply echoes the value: -3 when refused (nothing sent), else
@@ -121,8 +118,7 @@ int query_match(varkel_t* v, std::initializer_list<std::pair<const char*, T>> te
 // One worker per module, each on its own channel; returns the OR of the step
 // results. The team has one thread per module: the workers wait on sockets, so
 // they must not queue behind the number of cores.
-template <typename Step>
-int for_each_module_parallel(varkel_t* v, Step&& step)
+template <typename Step> int for_each_module_parallel(varkel_t* v, Step&& step)
 {
   const int modules = v->max_num_modules;
   if (modules <= 0)

@@ -14,12 +14,14 @@
 #include <thread>
 #include <unistd.h>
 
+#include "internal/descriptor.hpp"
 #include "varkel.h"
 
 namespace {
 
 constexpr int kWaits = 5;
 constexpr int kWaitMs = 1000;
+constexpr std::chrono::milliseconds kByteWait{500}; // as VTIME below
 // A line that keeps talking without closing its reply is cut off here.
 constexpr std::size_t kMaxReplyBytes = 64 * 1024;
 
@@ -67,15 +69,9 @@ private:
   std::string text_;
 };
 
-// One byte, or 0 when the line stays silent for VTIME, or -1 on an error.
-ssize_t read_byte(int fd, char& c)
-{
-  ssize_t n;
-  do
-    n = read(fd, &c, 1);
-  while (n < 0 && errno == EINTR);
-  return n;
-}
+// One byte (1), or not (0 or -1) when the line stays silent for half a second or
+// fails. A signal does not restart the half second.
+ssize_t read_byte(int fd, char& c) { return varkel::detail::receive_exact(fd, &c, 1, kByteWait); }
 
 // Waits up to five times one second for the first byte. False when none came.
 bool wait_for_reply(int fd)
@@ -93,25 +89,10 @@ bool wait_for_reply(int fd)
   }
 }
 
-// Closes a serial port this handle opened before; module sockets stay as they are.
-void release_serial_port(varkel_t* v)
-{
-  const int fd = v->varkel_interface;
-  v->varkel_interface = -1;
-  if (fd <= 0)
-    return;
-  for (int module_fd : v->fd) {
-    if (module_fd == fd)
-      return;
-  }
-  close(fd);
-}
-
 int fail_open(varkel_t* v, const char* what)
 {
   perror(what);
-  close(v->varkel_interface);
-  v->varkel_interface = -1;
+  varkel::detail::release_descriptor(v->varkel_interface);
   return -1;
 }
 
@@ -121,8 +102,9 @@ int open_serialPort(varkel_t* varkel, const char* device)
 {
   assert(varkel != NULL);
   assert(device != NULL);
-  release_serial_port(varkel);
-  const int fd = open(device, O_RDWR | O_NOCTTY | O_CLOEXEC);
+  // A serial port opened before is closed; a module socket stays with its module.
+  varkel::detail::release_main_channel(varkel);
+  const int fd = varkel::detail::off_zero(open(device, O_RDWR | O_NOCTTY | O_CLOEXEC));
   varkel->varkel_interface = fd;
   if (fd < 0) {
     perror(device);

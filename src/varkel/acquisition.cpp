@@ -44,7 +44,7 @@ void wait_toStart_polling(float acq_time)
     return;
   }
 
-  struct sigaction action{};
+  struct sigaction action {};
   action.sa_handler = timer_handler;
   sigemptyset(&action.sa_mask);
   action.sa_flags = 0;
@@ -112,9 +112,8 @@ int define_master_module(varkel_t* varkel, uint8_t module, bool ext_trigger, var
   if (!validate_module(varkel, module))
     return -7;
   // Every other module takes the trigger mode; the master only with an external trigger.
-  int rc = for_each_module_selected(varkel, [&](int m) {
-    return m == module && !ext_trigger ? 0 : US_TriggerMode(varkel, trigger_mode);
-  });
+  int rc = for_each_module_selected(
+      varkel, [&](int m) { return m == module && !ext_trigger ? 0 : US_TriggerMode(varkel, trigger_mode); });
   varkel->varkelParam.software_trigger = trigger_mode == VARKEL_TRIGGER_MODE_INTERNAL;
   select_module(varkel, module);
   return rc | trigger_out(varkel, VARKEL_TRIGGER_OUT_SHUTTER_MBC);

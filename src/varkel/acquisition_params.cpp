@@ -55,15 +55,16 @@ int US_AcquirePeriod_RBV(varkel_t* varkel)
   assert(varkel != NULL);
   return query_scan<unsigned>(
       varkel, kMain, "%u",
-      [&](unsigned us) { varkel->acquireParam.acquirePeriod = static_cast<float>(us / 1000000.0); },
-      CMD_ACQUIRE_PERIOD, 0u, 0u);
+      [&](unsigned us) { varkel->acquireParam.acquirePeriod = static_cast<float>(us / 1000000.0); }, CMD_ACQUIRE_PERIOD,
+      0u, 0u);
 }
 
 int US_NumExposures(varkel_t* varkel, int num_exposures)
 {
   assert(varkel != NULL);
   return write_echo_into<int>(varkel, num_exposures >= 1, "Number of Exposures set to %d",
-                              varkel->acquireParam.numExposures, CMD_NUM_EXPOSURES, static_cast<unsigned>(num_exposures));
+                              varkel->acquireParam.numExposures, CMD_NUM_EXPOSURES,
+                              static_cast<unsigned>(num_exposures));
 }
 
 int US_NumExposures_RBV(varkel_t* varkel)
@@ -148,8 +149,8 @@ int set_acquireTime(varkel_t* varkel, float acquire_time_s)
   const float period = varkel->acquireParam.acquirePeriod;
   if (period != 0.0f && acquire_time_s > period - IMAGE_READOUT)
     return -3;
-  return rc | for_each_module_selected(varkel, [&](int) { return US_AcquireTime(varkel, acquire_time_s); },
-                                       Selection::ignored);
+  return rc | for_each_module_selected(
+                  varkel, [&](int) { return US_AcquireTime(varkel, acquire_time_s); }, Selection::ignored);
 }
 
 int set_periodTime(varkel_t* varkel, float period_time_s)
@@ -160,8 +161,8 @@ int set_periodTime(varkel_t* varkel, float period_time_s)
   const int rc = US_AcquireTime_RBV(varkel);
   if (period_time_s != 0.0f && varkel->acquireParam.acquireTime + IMAGE_READOUT > period_time_s)
     return -3;
-  return rc | for_each_module_selected(varkel, [&](int) { return US_AcquirePeriod(varkel, period_time_s); },
-                                       Selection::ignored);
+  return rc | for_each_module_selected(
+                  varkel, [&](int) { return US_AcquirePeriod(varkel, period_time_s); }, Selection::ignored);
 }
 
 int set_numberExposures(varkel_t* varkel, int num_exposures)

@@ -5,13 +5,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <mutex>
 #include <omp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "ethernet.h"
+#include "internal/descriptor.hpp"
 #include "internal/query.hpp"
 
 using namespace varkel::detail;
@@ -43,23 +42,7 @@ void release_module_socket(varkel_t* v, int& slot)
     if (v->varkel_interface == slot)
       v->varkel_interface = -1;
   }
-  safe_close(slot);
-  slot = -1;
-}
-
-// An IPv4 stream socket, never on descriptor 0 (which the handle reads as "no
-// connection"). Returns -1 with errno set on failure.
-int new_socket()
-{
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd == 0) {
-    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, 1);
-    const int err = errno;
-    close(fd);
-    errno = err;
-    fd = moved;
-  }
-  return fd;
+  release_descriptor(slot);
 }
 
 struct TransportParam {
@@ -118,7 +101,7 @@ int varkel_init(varkel_t* varkel, int fd_pos, const char* address, uint16_t port
 
   int& slot = varkel->fd[fd_pos];
   release_module_socket(varkel, slot);
-  const int fd = new_socket();
+  const int fd = off_zero(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (fd < 0)
     return errno;
   slot = fd;
@@ -149,18 +132,13 @@ int varkel_connect(varkel_t* varkel, const char* const address[], const uint16_t
 void varkel_disconnect(varkel_t* varkel)
 {
   assert(varkel != NULL);
-  const int fd = varkel->varkel_interface;
-  varkel->varkel_interface = -1;
-  // 0 is what select_module copies from a module that was never connected.
-  if (fd <= 0)
-    return;
   // The module whose socket this was must not keep the number: the process may
-  // hand it out again.
+  // hand it out again. 0 is what select_module copies from a module never connected.
   for (int& module_fd : varkel->fd) {
-    if (module_fd == fd)
+    if (module_fd > 0 && module_fd == varkel->varkel_interface)
       module_fd = -1;
   }
-  safe_close(fd);
+  release_descriptor(varkel->varkel_interface);
 }
 
 int send_allinitArgs(varkel_t* varkel, int module)

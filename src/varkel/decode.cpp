@@ -22,12 +22,12 @@ constexpr sensor place(int i)
 
 } // namespace
 
-#define VARKEL_ROW(b)                                                                                           \
-  place(b + 0), place(b + 1), place(b + 2), place(b + 3), place(b + 4), place(b + 5), place(b + 6), place(b + 7), \
+#define VARKEL_ROW(b)                                                                                                  \
+  place(b + 0), place(b + 1), place(b + 2), place(b + 3), place(b + 4), place(b + 5), place(b + 6), place(b + 7),      \
       place(b + 8), place(b + 9), place(b + 10), place(b + 11)
 
 // Built at compile time from the placement rule above.
-constexpr sensor decoderQuad[144] = {VARKEL_ROW(0),  VARKEL_ROW(12), VARKEL_ROW(24),  VARKEL_ROW(36),
-                                     VARKEL_ROW(48), VARKEL_ROW(60), VARKEL_ROW(72),  VARKEL_ROW(84),
+constexpr sensor decoderQuad[144] = {VARKEL_ROW(0),  VARKEL_ROW(12),  VARKEL_ROW(24),  VARKEL_ROW(36),
+                                     VARKEL_ROW(48), VARKEL_ROW(60),  VARKEL_ROW(72),  VARKEL_ROW(84),
                                      VARKEL_ROW(96), VARKEL_ROW(108), VARKEL_ROW(120), VARKEL_ROW(132)};
 #undef VARKEL_ROW

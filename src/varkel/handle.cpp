@@ -8,6 +8,7 @@
 
 #include "ethernet.h"
 #include "internal/backend.hpp"
+#include "internal/descriptor.hpp"
 #include "internal/trace.hpp"
 #include "varkel.h"
 
@@ -68,8 +69,8 @@ varkel_t* varkel_new(varkel_detector_model_t detModel)
     printf("No detector selected\n");
   }
 
-  varkel->frame_size = static_cast<uint32_t>(varkel->max_num_chips) * 65536u * varkel->max_num_boards *
-                       varkel->max_num_modules;
+  varkel->frame_size =
+      static_cast<uint32_t>(varkel->max_num_chips) * 65536u * varkel->max_num_boards * varkel->max_num_modules;
   if (varkel->frame_size > 0) {
     varkel->sample_frame = static_cast<int32_t*>(std::calloc(varkel->frame_size, sizeof(int32_t)));
     if (varkel->sample_frame == NULL) {
@@ -88,19 +89,9 @@ void varkel_delete(varkel_t* varkel)
 {
   assert(varkel != NULL);
   varkel::detail::release_backend(varkel);
-
-  // The main channel is a copy of one module socket (or a serial port of its own).
-  bool main_is_module = false;
-  for (int& fd : varkel->fd) {
-    if (fd <= 0)
-      continue;
-    main_is_module = main_is_module || fd == varkel->varkel_interface;
-    safe_close(fd);
-    fd = 0;
-  }
-  if (varkel->varkel_interface > 0 && !main_is_module)
-    safe_close(varkel->varkel_interface);
-  varkel->varkel_interface = -1;
+  varkel::detail::release_main_channel(varkel);
+  for (int& fd : varkel->fd)
+    varkel::detail::release_descriptor(fd, 0);
 
   varkel::detail::close_trace_file(varkel->debug_out);
   std::free(varkel->sample_frame);

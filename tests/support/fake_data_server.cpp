@@ -14,7 +14,7 @@ namespace {
 bool read_record(int fd, Record& out) { return loopback::receive_all(fd, out.data(), out.size()); }
 
 // Puts `reply` on the wire; false when it ends the connection.
-bool answer(int fd, const RecordReply& reply)
+bool answer(int fd, const RecordReply& reply, const std::function<void()>& between_parts)
 {
   using Mode = loopback::Delivery::Mode;
   std::string bytes(reply.record.begin(), reply.record.end());
@@ -28,6 +28,11 @@ bool answer(int fd, const RecordReply& reply)
   case Trigger::oversized_record:
     bytes.append(400, '\xEE');
     break;
+  case Trigger::split_record:
+    loopback::send_all(fd, bytes.data(), 200);
+    if (between_parts)
+      between_parts();
+    return loopback::send_all(fd, bytes.data() + 200, bytes.size() - 200);
   case Trigger::short_record:
     bytes.pop_back();
     loopback::deliver(fd, bytes.data(), bytes.size(), d);
@@ -111,7 +116,7 @@ void FakeDataServer::serve(int fd)
 {
   const Trigger greeting = greeting_;
   Record record;
-  if (!answer(fd, RecordReply::of(sample_init_args(), greeting)) || !read_record(fd, record))
+  if (!answer(fd, RecordReply::of(sample_init_args(), greeting), between_parts_) || !read_record(fd, record))
     return;
   {
     std::lock_guard lock(mutex_);
@@ -130,7 +135,7 @@ void FakeDataServer::serve(int fd)
     pollfd p{fd, POLLIN, 0};
     if (window_ms_ > 0 && poll(&p, 1, window_ms_) > 0)
       ++overlaps_;
-    if (!answer(fd, reply))
+    if (!answer(fd, reply, between_parts_))
       return;
   }
 }

@@ -39,6 +39,7 @@ enum class Trigger {
   silence,          // no answer; the connection stays open
   close,            // close without answering
   reset,            // reset the connection without answering
+  split_record,     // its first 200 bytes, then the fake's between-parts step, then the rest
 };
 
 struct RecordReply {
@@ -80,6 +81,8 @@ public:
   // arriving meanwhile means two exchanges overlapped on the socket.
   void set_reply_window(std::chrono::milliseconds window) { window_ms_ = static_cast<int>(window.count()); }
   int overlaps() const { return overlaps_; }
+  // What happens between the two parts of a split record (nothing by default).
+  void set_between_parts(std::function<void()> step) { between_parts_ = std::move(step); }
   // Off: requests are not kept (long benchmark runs).
   void set_recording(bool on) { recording_ = on; }
   std::vector<Record> requests() const;
@@ -92,6 +95,7 @@ private:
   mutable std::mutex mutex_;
   mutable std::condition_variable acked_;
   const Handler handler_;
+  std::function<void()> between_parts_;
   std::atomic<Trigger> greeting_{Trigger::none}, spoiled_{Trigger::none};
   std::atomic<int> window_ms_{0}, overlaps_{0};
   std::atomic<bool> recording_{true};

@@ -1,0 +1,23 @@
+// The DAC calibration file reader on text alone, for the tests and the fuzzer.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "utils.h"
+
+namespace varkel::detail {
+
+// A key-file step that failed: GLib's message and the source line of the step.
+struct KeyFileFailure {
+  std::string message;
+  unsigned line;
+};
+
+// Fills `out` from the text of a module DAC file: groups "SENSOR 1" to "SENSOR 36",
+// each with "fbk", "gnd", "cas" and "discl" (low 16 bits kept). Returns the first
+// failure, the fields filled before it staying filled; nothing when all is read.
+std::optional<KeyFileFailure> parse_module_dacs(std::string_view text, dac_data& out);
+
+} // namespace varkel::detail
