@@ -10,24 +10,29 @@ namespace {
 
 using Mode = sim::Delivery::Mode;
 
-Reply as_reply(sim::Answer a) { return Reply{std::move(a)}; }
+Reply as_reply(sim::Answer a, Mode action = Mode::whole)
+{
+  Reply r{std::move(a)};
+  r.action = action;
+  return r;
+}
 
 } // namespace
 
 Reply Reply::result(const std::string& text) { return as_reply(sim::Answer::result(text)); }
 Reply Reply::error(const std::string& message) { return as_reply(sim::Answer::error(sim::kMethodNotFound, message)); }
 Reply Reply::raw(std::string text) { return as_reply(verbatim(std::move(text))); }
-Reply Reply::bytewise(std::string text) { return as_reply(verbatim(std::move(text), Mode::bytewise)); }
+Reply Reply::bytewise(std::string text) { return as_reply(verbatim(std::move(text)), Mode::bytewise); }
 Reply Reply::split(std::string text, std::size_t at, std::chrono::microseconds tail_delay)
 {
-  Reply r = as_reply(verbatim(std::move(text), Mode::split));
+  Reply r = as_reply(verbatim(std::move(text)), Mode::split);
   r.delivery.split_at = at;
   r.delivery.tail_delay = tail_delay;
   return r;
 }
-Reply Reply::silence() { return as_reply(verbatim({}, Mode::silence)); }
-Reply Reply::close() { return as_reply(verbatim({}, Mode::close)); }
-Reply Reply::reset() { return as_reply(verbatim({}, Mode::reset)); }
+Reply Reply::silence() { return as_reply(verbatim({}), Mode::silence); }
+Reply Reply::close() { return as_reply(verbatim({}), Mode::close); }
+Reply Reply::reset() { return as_reply(verbatim({}), Mode::reset); }
 Reply Reply::oversize(std::size_t size)
 {
   const std::string head = "{\"result\":\"";
@@ -93,6 +98,7 @@ sim::Answer FakeController::answer(const Request& request)
     latency = latency_;
   }
   Reply reply = handler ? handler(request) : Reply::result("OK");
+  reply.delivery.mode = reply.action;
   reply.delivery.delay += latency;
   std::lock_guard lock(mutex_);
   transcript_.push_back(request);

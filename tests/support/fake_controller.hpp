@@ -25,6 +25,9 @@ using Request = sim::Call;
 
 // How the fake answers one request.
 struct Reply : sim::Answer {
+  using Action = sim::Delivery::Mode;
+  Action action = Action::whole; // how the reply goes on the wire
+
   // {"jsonrpc":"2.0","result":"<text>","id":<the request's>}
   static Reply result(const std::string& text);
   // {"jsonrpc":"2.0","error":{"code":-32601,"message":"<message>"},"id":<the request's>}
