@@ -85,11 +85,14 @@ void LoopbackServer::stop()
     t.join();
 }
 
-bool send_all(int fd, const void* data, std::size_t size)
+namespace {
+
+// Moves all `size` bytes at `p` with `step` (one send or receive), resuming after
+// a signal; false when the peer has gone first.
+template <typename Byte, typename Step> bool whole(Byte* p, std::size_t size, Step step)
 {
-  const char* p = static_cast<const char*>(data);
   while (size > 0) {
-    const ssize_t n = send(fd, p, size, MSG_NOSIGNAL);
+    const ssize_t n = step(p, size);
     if (n < 0 && errno == EINTR)
       continue;
     if (n <= 0)
@@ -100,19 +103,17 @@ bool send_all(int fd, const void* data, std::size_t size)
   return true;
 }
 
+} // namespace
+
+bool send_all(int fd, const void* data, std::size_t size)
+{
+  return whole(static_cast<const char*>(data), size,
+               [fd](const char* p, std::size_t n) { return send(fd, p, n, MSG_NOSIGNAL); });
+}
+
 bool receive_all(int fd, void* data, std::size_t size)
 {
-  char* p = static_cast<char*>(data);
-  while (size > 0) {
-    const ssize_t n = recv(fd, p, size, 0);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return false;
-    p += n;
-    size -= static_cast<std::size_t>(n);
-  }
-  return true;
+  return whole(static_cast<char*>(data), size, [fd](char* p, std::size_t n) { return recv(fd, p, n, 0); });
 }
 
 namespace {
