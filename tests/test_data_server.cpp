@@ -18,7 +18,7 @@
 
 #include "ethernet.h"
 #include "fake_data_server.hpp"
-#include "process.hpp"
+#include "process.hpp" // the exit guard
 #include "varkel.h"
 
 using namespace varkel::testing;
@@ -45,18 +45,7 @@ struct Session {
   ~Session() { varkel_delete(v); }
 };
 
-struct Exchange {
-  const char* name;
-  int (*run)(varkel_t*);
-};
-
 std::string g_geometry(299, 'g'); // the longest path that fits
-const Exchange kAcquireArgs{"ACQUIRE_ARGS", send_acqArgs_toBackend};
-uint64_t g_saved;
-const Exchange kSaveStatus{"SAVE_STATUS", [](varkel_t* v) { return get_saveStatus_fromBackend(v, &g_saved); }};
-const Exchange kAbortSave{"ABORT_SAVE", abort_save};
-const Exchange kStopAcquire{"STOP_ACQUIRE", send_stopAcquire_toBackend};
-const Exchange kGeometry{"GEOMETRY", [](varkel_t* v) { return send_geometryFile_toBackend(v, g_geometry.data()); }};
 
 } // namespace
 
@@ -144,7 +133,7 @@ TEST(DataServer, RequestsAreByteExactAndRepliesLandInTheirRecordsOnly)
   EXPECT_EQ(abort_save(s.v), 0);
   EXPECT_EQ(uint64_t{s.v->saveargs.savedAquisitionNum}, 4u); // the abort's reply is not kept
   EXPECT_EQ(send_stopAcquire_toBackend(s.v), 0);
-  EXPECT_EQ(kGeometry.run(s.v), 0);
+  EXPECT_EQ(send_geometryFile_toBackend(s.v, g_geometry.data()), 0);
   // An oversized reply: its first 400 bytes are the reply, the rest is taken as
   // the next one; nothing lands outside the record.
   EXPECT_EQ(get_acqStatus_fromBackend(s.v), 0);
@@ -172,62 +161,6 @@ TEST(DataServer, RequestsAreByteExactAndRepliesLandInTheirRecordsOnly)
   for (int i : {3, 4, 5, 7})
     EXPECT_EQ(bytes(r[i]).substr(1), zeros(399)) << i; // the type, then 399 zeros
   EXPECT_EQ(bytes(r[6]), "\x07" + g_geometry + zeros(100));
-}
-
-// What each exchange makes of a reply: a result and a text, or the end of the
-// process (status 0) with the lock released and the socket left open. Lost,
-// cut and late replies are in the fault table (test_faults.cpp).
-TEST(DataServerDeathTest, EachReplyHasItsResultTextOrExit)
-{
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  constexpr int kEndsClosed = 100, kEndsOpen = 101;
-  const RecordReply ack = RecordReply::ack();
-  const RecordReply save_status_of_type_4 =
-      RecordReply::of(saveStatusArgs{SAVE_STATUS, DONE, {}, 1, 1, {}}, Trigger::wrong_type);
-  const struct {
-    const Exchange* exchange;
-    RecordReply reply;
-    int rc;
-    std::string printed; // a regular expression for the ends
-  } cases[] = {
-      // The ends first: a death-test child runs again the rows before its own.
-      {&kAcquireArgs, RecordReply{Trigger::short_record}, kEndsClosed,
-       "send_acqArgs_toBackend: .*Received: 399, Expected: 400\n"}, // the count it prints
-      {&kSaveStatus, save_status_of_type_4, kEndsOpen,
-       "Unexpected response type on SAVE_STATUS. Expected 3, and received 4\n"},
-      {&kAbortSave, save_status_of_type_4, kEndsOpen,
-       "Unexpected response type on SAVE_STATUS. Expected 3, and received 4\n"},
-      {&kGeometry, RecordReply::nak(INVALID_GEOMETRY_FILE), kEndsOpen,
-       "Returned NAK with error : Invalid geometry file\n"},
-      {&kGeometry, RecordReply::nak(INVALID_SAVE_PATH), kEndsOpen,
-       "Returned NAK with error : Invalid number of acquisition\n"},
-      {&kAcquireArgs, ack, 0, "received ack on ACQUIRE_ARGS\n"},
-      {&kAcquireArgs, RecordReply::of(simpleArgs{ACK, INVALID_GEOMETRY_FILE, {}}, Trigger::wrong_type), -3,
-       "Unexpected ack on ACQUIRE_ARGS. Expected ACK, and received NAK with error: Unknown error code\n"},
-      {&kStopAcquire, ack, 0, "Received STOP_ACQUIRE response with status DONE\n"},
-      {&kStopAcquire, RecordReply::nak(0), 0, "Received STOP_ACQUIRE response with status NOT_DONE\n"},
-      {&kSaveStatus, RecordReply::of(saveStatusArgs{SAVE_STATUS, ERROR, {}, UINT64_MAX, 3, {}}), 0,
-       "\n------------------------------\n Sending SAVE_STATUS request\n------------------------------\n"
-       "Received SAVE_STATUS:\n            status=ERROR\n            Saved Frames=18446744073709551615\n"
-       "            savedAquisitionNum=3\n"},
-      {&kAbortSave, RecordReply::of(saveStatusArgs{SAVE_STATUS, NOT_DONE, {}, 5, 2, {}}), 0, "status=NOT DONE\n"},
-      {&kGeometry, ack, 0, " Sending GEOMETRY request\n------------------------------\nreceived ack on GEOMETRY\n"},
-  };
-  for (const auto& c : cases) {
-    Session s([&](const Record&) { return c.reply; });
-    if (c.rc >= kEndsClosed) {
-      const char* state = c.rc == kEndsClosed ? "<lock free, socket closed>" : "<lock free, socket open>";
-      EXPECT_EXIT(run_until_exit(s.v, c.exchange->run), testing::ExitedWithCode(0), c.printed + state)
-          << c.exchange->name;
-      continue;
-    }
-    CaptureStdout();
-    EXPECT_EQ(c.exchange->run(s.v), c.rc) << c.exchange->name << " " << c.printed;
-    const std::string out = GetCapturedStdout();
-    EXPECT_NE(out.find(c.printed), std::string::npos) << out;
-    EXPECT_EQ(pthread_mutex_trylock(&s.v->backend_socket_mutex), 0) << c.exchange->name;
-    pthread_mutex_unlock(&s.v->backend_socket_mutex);
-  }
 }
 
 TEST(DataServer, ConcurrentExchangesNeverInterleave)

@@ -101,7 +101,8 @@ TEST(ControllerFaults, EachReplyHasItsCodeTextAndWait)
 }
 
 // ---------------------------------------------------------------------------
-// The data server: each exchange against each fault of its reply record.
+// The data server: each exchange against each fault of its reply record, and
+// against the whole replies it judges.
 
 struct Fault {
   const char* name;
@@ -146,8 +147,11 @@ const DataExchange kExchanges[] = {
 
 struct DataCell {
   const DataExchange* exchange;
-  const Fault* fault;
-  char outcome;
+  const Fault* fault; // nullptr: `reply`, sent whole
+  char outcome;       // as in DataExchange::outcomes, and '3' returns -3
+  RecordReply reply{};
+  const char* label = nullptr;
+  const char* printed = nullptr; // what `reply` makes the exchange print, just before any end
 };
 
 std::vector<DataCell> data_cells()
@@ -156,6 +160,35 @@ std::vector<DataCell> data_cells()
   for (const DataExchange& x : kExchanges)
     for (std::size_t f = 0; x.outcomes[f] != '\0'; ++f)
       cells.push_back({&x, &kFaults[f], x.outcomes[f]});
+  // Whole replies the exchanges judge.
+  const DataExchange &args = kExchanges[1], &save = kExchanges[3], &abort = kExchanges[4], &stop = kExchanges[5],
+                     &geometry = kExchanges[6];
+  const RecordReply ack = RecordReply::ack(),
+                    save_type_4 = RecordReply::of(saveStatusArgs{SAVE_STATUS, DONE, {}, 1, 1, {}}, Trigger::wrong_type);
+  const char* type_4 = "Unexpected response type on SAVE_STATUS. Expected 3, and received 4\n";
+  const std::vector<DataCell> judged = {
+      {&args, nullptr, 'C', RecordReply{Trigger::short_record}, "count", "Received: 399, Expected: 400\n"},
+      {&save, nullptr, 'O', save_type_4, "type4", type_4},
+      {&abort, nullptr, 'O', save_type_4, "type4", type_4},
+      {&geometry, nullptr, 'O', RecordReply::nak(INVALID_GEOMETRY_FILE), "nak3",
+       "Returned NAK with error : Invalid geometry file\n"},
+      {&geometry, nullptr, 'O', RecordReply::nak(INVALID_SAVE_PATH), "nak0",
+       "Returned NAK with error : Invalid number of acquisition\n"},
+      {&args, nullptr, '0', ack, "ack", "received ack on ACQUIRE_ARGS\n"},
+      {&args, nullptr, '3', RecordReply::of(simpleArgs{ACK, INVALID_GEOMETRY_FILE, {}}, Trigger::wrong_type), "nak",
+       "Unexpected ack on ACQUIRE_ARGS. Expected ACK, and received NAK with error: Unknown error code\n"},
+      {&stop, nullptr, '0', ack, "ack", "Received STOP_ACQUIRE response with status DONE\n"},
+      {&stop, nullptr, '0', RecordReply::nak(0), "nak", "Received STOP_ACQUIRE response with status NOT_DONE\n"},
+      {&save, nullptr, '0', RecordReply::of(saveStatusArgs{SAVE_STATUS, ERROR, {}, UINT64_MAX, 3, {}}), "error",
+       "\n------------------------------\n Sending SAVE_STATUS request\n------------------------------\n"
+       "Received SAVE_STATUS:\n            status=ERROR\n            Saved Frames=18446744073709551615\n"
+       "            savedAquisitionNum=3\n"},
+      {&abort, nullptr, '0', RecordReply::of(saveStatusArgs{SAVE_STATUS, NOT_DONE, {}, 5, 2, {}}), "not_done",
+       "status=NOT DONE\n"},
+      {&geometry, nullptr, '0', ack, "ack",
+       " Sending GEOMETRY request\n------------------------------\nreceived ack on GEOMETRY\n"},
+  };
+  cells.insert(cells.end(), judged.begin(), judged.end());
   return cells;
 }
 
@@ -165,10 +198,11 @@ TEST_P(DataServerFaultDeathTest, Cell)
 {
   GTEST_FLAG_SET(death_test_style, "threadsafe"); // the fake's threads serve the child too
   const DataCell& c = GetParam();
-  const bool handshake = c.exchange->run == nullptr, dead = std::string(c.fault->name) == "dead";
+  const bool handshake = c.exchange->run == nullptr, dead = c.fault && std::string(c.fault->name) == "dead";
+  const bool silent = c.fault && c.fault->trigger == Trigger::silence;
   const int descriptors = open_descriptors();
   {
-    FakeDataServer fake;
+    FakeDataServer fake(c.fault ? FakeDataServer::Handler{} : [r = c.reply](const Record&) { return r; });
     varkel_t* v = varkel_new(varkelQuad);
     int rc = 0;
     CaptureStdout();
@@ -178,28 +212,29 @@ TEST_P(DataServerFaultDeathTest, Cell)
       rc = varkel_connect_backend(v, "127.0.0.1", fake.port());
     } else {
       ASSERT_EQ(varkel_connect_backend(v, "127.0.0.1", fake.port()), 0);
-      fake.spoil_replies(c.fault->trigger);
-      if (c.fault->trigger == Trigger::silence) {
+      fake.spoil_replies(c.fault ? c.fault->trigger : Trigger::none);
+      if (silent) {
         ASSERT_EQ(set_timeout(v->backend_socket, 200000), 0);
       }
       if (dead) {
         EXPECT_EQ(send_stopAcquire_toBackend(v), -1);
       }
     }
-    const std::string failed = dead ? c.exchange->send_failed : c.exchange->receive_failed;
+    const std::string failed = c.printed ? c.printed : dead ? c.exchange->send_failed : c.exchange->receive_failed;
     if (c.outcome == 'C' || c.outcome == 'O') {
       GetCapturedStdout();
       const std::string ends = c.outcome == 'C' ? "<lock free, socket closed>" : "<lock free, socket open>";
-      EXPECT_EXIT(run_until_exit(v, c.exchange->run), testing::ExitedWithCode(0), failed + "(.|\n)*" + ends);
+      EXPECT_EXIT(run_until_exit(v, c.exchange->run), testing::ExitedWithCode(0),
+                  failed + (c.printed ? "" : "(.|\n)*") + ends);
     } else {
       if (!handshake)
         rc = c.exchange->run(v);
       const auto took = Clock::now() - start;
       const std::string out = GetCapturedStdout();
-      EXPECT_EQ(rc, c.outcome == '0' ? 0 : -1);
-      EXPECT_EQ(out.find(failed) != std::string::npos, c.outcome == '-') << out;
+      EXPECT_EQ(rc, c.outcome == '0' ? 0 : c.outcome == '3' ? -3 : -1);
+      EXPECT_EQ(out.find(failed) != std::string::npos, c.printed || c.outcome == '-') << out;
       EXPECT_LT(took, 5s);
-      if (c.fault->trigger == Trigger::silence) {
+      if (silent) {
         EXPECT_GE(took, 200ms);
       }
       EXPECT_EQ(pthread_mutex_trylock(&v->backend_socket_mutex), 0);
@@ -211,7 +246,7 @@ TEST_P(DataServerFaultDeathTest, Cell)
 }
 
 INSTANTIATE_TEST_SUITE_P(Cells, DataServerFaultDeathTest, testing::ValuesIn(data_cells()), [](const auto& info) {
-  return std::string(info.param.exchange->name) + "_" + info.param.fault->name;
+  return std::string(info.param.exchange->name) + "_" + (info.param.fault ? info.param.fault->name : info.param.label);
 });
 
 // The peers' own plumbing: a server out of descriptors, whose accept fails at
