@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 WERROR ?= $(if $(CI),ON,OFF)
 CTEST = ctest --output-on-failure -j $(JOBS)
 
-.PHONY: deps build demo test bench sanitize tsan install clean format
+.PHONY: deps build demo test bench sanitize tsan fuzz valgrind install clean format
 
 deps:
 	@bash scripts/install-deps.sh
@@ -53,6 +53,26 @@ tsan: deps
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && $(TSAN_ENV) $(CTEST)
 
+# libFuzzer targets (clang, address and undefined-behaviour sanitizers) over every
+# parser of peer replies and records, each run FUZZ_SECONDS from its seeds in
+# fuzz/corpus. New inputs collect in build-fuzz/corpus, findings in
+# build-fuzz/crashes; a finding goes to fuzz/crashes/<target>/ with its fix, and
+# the normal test run replays it from then on.
+FUZZ_SECONDS ?= 30
+FUZZ_TARGETS = $(basename $(notdir $(wildcard fuzz/fuzz_*.cpp)))
+
+fuzz: deps
+	cmake -S . -B build-fuzz -DVARKEL_WERROR=$(WERROR) -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	  -DVARKEL_FUZZ=ON -DVARKEL_SANITIZE=fuzzer-no-link,address,undefined \
+	  -DVARKEL_BUILD_TESTS=OFF -DVARKEL_BUILD_BENCH=OFF >/dev/null
+	cmake --build build-fuzz -j $(JOBS) --target varkel_fuzz
+	@for t in $(FUZZ_TARGETS); do \
+	  mkdir -p build-fuzz/corpus/$$t build-fuzz/crashes/$$t; \
+	  echo "== $$t: $(FUZZ_SECONDS) s"; \
+	  ./build-fuzz/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    -artifact_prefix=build-fuzz/crashes/$$t/ build-fuzz/corpus/$$t fuzz/corpus/$$t || exit 1; \
+	done
+
 install: build
 	cmake --install build
 
@@ -60,4 +80,4 @@ format:
 	clang-format -i $$(git ls-files '*.cpp' '*.hpp' '*.h')
 
 clean:
-	rm -rf build build-bench build-sanitize build-tsan
+	rm -rf build build-bench build-sanitize build-tsan build-fuzz build-valgrind
