@@ -15,6 +15,8 @@ struct ModelCase {
   uint32_t frame_size;
   const char* message;
 };
+// Printed by its message: gtest would otherwise print the raw bytes, padding included.
+void PrintTo(const ModelCase& c, std::ostream* os) { *os << c.message; }
 
 class HandleModels : public ::testing::TestWithParam<ModelCase> {};
 
@@ -54,13 +56,9 @@ INSTANTIATE_TEST_SUITE_P(
                       ModelCase{varkelTrio, 1, 3, 12, 36, 48, 2359296, "Detector Selected: VarkelTrio"},
                       ModelCase{varkelQuad, 4, 3, 12, 36, 48, 9437184, "Detector Selected: VarkelQuad"},
                       ModelCase{static_cast<varkel_detector_model_t>(7), 0, 0, 0, 0, 0, 0, "No detector selected"},
-                      ModelCase{static_cast<varkel_detector_model_t>(-1), 0, 0, 0, 0, 0, 0,
-                                "No detector selected"}));
+                      ModelCase{static_cast<varkel_detector_model_t>(-1), 0, 0, 0, 0, 0, 0, "No detector selected"}));
 
-TEST(HandleDeathTest, DeleteOfNullAsserts)
-{
-  EXPECT_DEATH(varkel_delete(nullptr), "varkel != NULL");
-}
+TEST(HandleDeathTest, DeleteOfNullAsserts) { EXPECT_DEATH(varkel_delete(nullptr), "varkel != NULL"); }
 
 TEST(ErrorString, EveryCode)
 {
@@ -103,9 +101,9 @@ TEST(DecoderQuad, TellingRows)
     moduleLoc module;
     int mfb, chip;
   };
-  const Row rows[] = {{0, UP_LT, 0, 0},   {6, UP_RT, 2, 6},   {7, UP_RT, 2, 0},   {11, UP_RT, 0, 0},
-                      {12, UP_LT, 0, 6},  {71, UP_RT, 0, 5},  {72, LW_LT, 0, 5},  {73, LW_LT, 0, 11},
-                      {78, LW_RT, 2, 11}, {83, LW_RT, 2, 6},  {132, LW_LT, 0, 0}, {143, LW_RT, 0, 0}};
+  const Row rows[] = {{0, UP_LT, 0, 0},   {6, UP_RT, 2, 6},  {7, UP_RT, 2, 0},   {11, UP_RT, 0, 0},
+                      {12, UP_LT, 0, 6},  {71, UP_RT, 0, 5}, {72, LW_LT, 0, 5},  {73, LW_LT, 0, 11},
+                      {78, LW_RT, 2, 11}, {83, LW_RT, 2, 6}, {132, LW_LT, 0, 0}, {143, LW_RT, 0, 0}};
   for (const Row& r : rows) {
     const sensor& s = decoderQuad[r.index];
     EXPECT_EQ(s.module, r.module) << r.index;
