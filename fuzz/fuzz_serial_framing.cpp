@@ -11,7 +11,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
   silence_stdout();
   SaidAll line(data, size);
   char reply[256];
-  const int rc = read_serialPort(nullptr, line.fd, reply, sizeof reply);
+  static varkel_t* v = varkel_new(kinlet);
+  const int rc = read_serialPort(v, line.fd, reply, sizeof reply);
   if (rc != -2 && (rc < 0 || static_cast<std::size_t>(rc) >= sizeof reply || (rc > 0 && reply[0] != '{') ||
                    std::strlen(reply) != static_cast<std::size_t>(rc)))
     __builtin_trap();

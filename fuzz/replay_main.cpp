@@ -19,7 +19,9 @@ int main(int argc, char** argv)
     for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
       std::ifstream in(entry.path(), std::ios::binary);
       const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
-      LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+      // As under libFuzzer, an empty input still comes with a valid pointer.
+      static const uint8_t none = 0;
+      LLVMFuzzerTestOneInput(bytes.empty() ? &none : bytes.data(), bytes.size());
       ++replayed;
     }
   }
