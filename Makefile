@@ -71,9 +71,10 @@ valgrind: deps
 
 # libFuzzer targets (clang, address and undefined-behaviour sanitizers) over every
 # parser of peer replies and records, each run FUZZ_SECONDS from its seeds in
-# fuzz/corpus. New inputs collect in build-fuzz/corpus, findings in
-# build-fuzz/crashes; a finding goes to fuzz/crashes/<target>/ with its fix, and
-# the normal test run replays it from then on.
+# fuzz/corpus (with fuzz/<target>.dict where there is one). New inputs collect in
+# build-fuzz/corpus, findings in build-fuzz/crashes; a finding goes to
+# fuzz/crashes/<target>/ with its fix, and the normal test run replays it from
+# then on.
 FUZZ_SECONDS ?= 30
 FUZZ_TARGETS = $(basename $(notdir $(wildcard fuzz/fuzz_*.cpp)))
 
@@ -86,6 +87,7 @@ fuzz: deps
 	  mkdir -p build-fuzz/corpus/$$t build-fuzz/crashes/$$t; \
 	  echo "== $$t: $(FUZZ_SECONDS) s"; \
 	  ./build-fuzz/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    $$([ -f fuzz/$$t.dict ] && echo -dict=fuzz/$$t.dict) \
 	    -artifact_prefix=build-fuzz/crashes/$$t/ build-fuzz/corpus/$$t fuzz/corpus/$$t || exit 1; \
 	done
 
