@@ -6,7 +6,7 @@ packages=(
   cmake g++ make pkg-config
   libjson-c-dev libglib2.0-dev libpng-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev libomp-14-dev clang-format
+  clang libclang-rt-14-dev libomp-14-dev clang-format valgrind
 )
 
 missing=()

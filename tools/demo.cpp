@@ -428,7 +428,8 @@ public:
       }
       if (first == 0)
         continue;
-      rc |= select_chipNumber(v_, first) | get_omr(v_);
+      rc |= select_chipNumber(v_, first);
+      rc |= get_omr(v_);
       read += format(" m%d", m);
       for (const Setting& x : kSettings) {
         read += format("%s%d", &x == kSettings ? " " : "/", v_->omr_values[x.field]);

@@ -121,8 +121,9 @@ int US_ImageMode(varkel_t* varkel, uint8_t image_mode)
   assert(varkel != NULL);
   if (!validate_image_mode(image_mode))
     return -3;
-  return write_echo_into<int>(varkel, true, "%d", varkel->varkelParam.image_mode, CMD_IMAGE_MODE, image_mode) |
-         US_ImageMode_RBV(varkel);
+  // Two statements: the operands of | run in no fixed order, the read-back must follow the write.
+  const int rc = write_echo_into<int>(varkel, true, "%d", varkel->varkelParam.image_mode, CMD_IMAGE_MODE, image_mode);
+  return rc | US_ImageMode_RBV(varkel);
 }
 
 int US_DiscardData(varkel_t* varkel, bool discard_data)
@@ -171,7 +172,9 @@ int set_numberExposures(varkel_t* varkel, int num_exposures)
   if (num_exposures < 1)
     return -3;
   // The shutter and acquisition trigger outputs are driven by module 1 alone.
-  if (varkel->varkelParam.trigger_out > VARKEL_TRIGGER_OUT_EXTERNAL)
-    return select_module(varkel, 1) | US_NumExposures(varkel, num_exposures);
+  if (varkel->varkelParam.trigger_out > VARKEL_TRIGGER_OUT_EXTERNAL) {
+    const int selected = select_module(varkel, 1); // before the command: | fixes no order
+    return selected | US_NumExposures(varkel, num_exposures);
+  }
   return for_each_module_selected(varkel, [&](int) { return US_NumExposures(varkel, num_exposures); });
 }

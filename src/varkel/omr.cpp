@@ -7,6 +7,7 @@
 #include <type_traits>
 
 #include "internal/omr_parse.hpp"
+#include "internal/pair_list.hpp"
 #include "internal/query.hpp"
 #include "varkel.h"
 
@@ -176,6 +177,14 @@ int update_counterDepth_index(int value)
   }
 }
 
+void varkel::detail::store_omr_pairs(const char* text, int32_t (&values)[kOmrFields])
+{
+  walk_pairs<int>(text, [&](int field, int value) {
+    if (field >= 0 && field < kOmrFields) // a field number from the wire indexes nothing else
+      values[field] = field == OMR_CountL ? update_counterDepth_index(value) : value;
+  });
+}
+
 int get_omr(varkel_t* varkel)
 {
   assert(varkel != NULL);
@@ -184,9 +193,7 @@ int get_omr(varkel_t* varkel)
                                0u, 0u);
       rc != 0)
     return rc;
-  parse_omr_pairs(reply, [&](int field, int value) {
-    varkel->omr_values[field] = field == OMR_CountL ? update_counterDepth_index(value) : value;
-  });
+  store_omr_pairs(reply, varkel->omr_values);
   return 0;
 }
 

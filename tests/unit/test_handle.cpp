@@ -15,6 +15,8 @@ struct ModelCase {
   uint32_t frame_size;
   const char* message;
 };
+// Printed by its message: gtest would otherwise print the raw bytes, padding included.
+void PrintTo(const ModelCase& c, std::ostream* os) { *os << c.message; }
 
 class HandleModels : public ::testing::TestWithParam<ModelCase> {};
 
