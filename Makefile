@@ -57,18 +57,15 @@ tsan: deps
 # The suite under valgrind's memcheck, errors and leaks fatal, in a build of its
 # own without sanitizers: ctest runs every test binary under valgrind. Children
 # of fork-based death tests stay under valgrind (silent), re-executed ones and
-# shell commands run natively. Two tests are skipped here because they assert
-# that module threads finish sooner side by side than in turn, and valgrind runs
-# one thread at a time.
+# shell commands run natively.
 VALGRIND_SUPP = $(CURDIR)/scripts/valgrind.supp
 VALGRIND = valgrind;--error-exitcode=1;--leak-check=full;--trace-children=no;--child-silent-after-fork=yes;--suppressions=$(VALGRIND_SUPP)
-VALGRIND_SKIP = Channel.ParallelFanOutRunsOneWorkerPerModuleAndOrsResults:TypicalUseWithLatency.ModulesConnectSideBySide
 
 valgrind: deps
 	cmake -S . -B build-valgrind -DVARKEL_WERROR=$(WERROR) -DVARKEL_BUILD_BENCH=OFF \
 	  "-DCMAKE_CROSSCOMPILING_EMULATOR=$(VALGRIND)" >/dev/null
 	cmake --build build-valgrind -j $(JOBS)
-	cd build-valgrind && GTEST_FILTER=-$(VALGRIND_SKIP) $(CTEST)
+	cd build-valgrind && $(CTEST)
 
 # libFuzzer targets (clang, address and undefined-behaviour sanitizers) over every
 # parser of peer replies and records, each run FUZZ_SECONDS from its seeds in
