@@ -5,6 +5,8 @@
 // (status 0) and lives everywhere else, and that no descriptor is left open.
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include <chrono>
 #include <poll.h>
 #include <string>
@@ -255,11 +257,17 @@ TEST(LoopbackServerDeathTest, FailingAcceptDoesNotSpin)
 {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto starve = [] {
-    LoopbackServer server([](int fd) { // holds its descriptor
+    std::atomic<bool> session_running{false};
+    LoopbackServer server([&](int fd) { // holds its descriptor
+      session_running = true;
       char byte;
       recv(fd, &byte, 1, 0);
     });
     ASSERT_GE(connect_loopback(server.port()), 0); // its session holds the last descriptor
+    // The session thread must be running before the limit drops: the sanitizers'
+    // checks at thread start need a descriptor of their own.
+    while (!session_running)
+      std::this_thread::yield();
     const int lowest_free = dup(0);
     close(lowest_free);
     const rlimit limit{static_cast<rlim_t>(lowest_free), static_cast<rlim_t>(lowest_free)};
