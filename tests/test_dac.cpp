@@ -23,6 +23,10 @@ std::string dac_cmd(int op, int dac, int value)
 {
   return "HS_ImgChipDAC " + std::to_string(op) + " " + std::to_string(dac) + " " + std::to_string(value);
 }
+Reply fail_dac_writes(const Request& r, Reply failure)
+{
+  return r.method == "HS_ImgChipDAC" ? failure : Reply::result("OK");
+}
 
 TEST(Dac, EachDacTakesItsRangeAndNothingOutsideIsSent)
 {
@@ -50,7 +54,6 @@ TEST(Dac, FanOutsReachEachModuleOnItsChannelInOrder)
   varkel_t* v = det.handle();
   ASSERT_EQ(select_chipNumber(v, 5), 0); // module 4, the main channel after connecting
   det.clear();
-
   EXPECT_EQ(US_Set_DAC(v, DAC_DiscL, 60, VARKEL_SEND_ONE_CHIP_ONE_MODULE, VARKEL_THREAD_MODULE2), 0);
   EXPECT_EQ(set_dac(v, DAC_GND, 70, VARKEL_SEND_ALL_CHIPS_ONE_MODULE), 0);
   EXPECT_EQ(det.all_commands(), (Commands{"2:" + dac_cmd(1, 15, 60), "4:" + dac_cmd(3, 20, 70)}));
@@ -58,15 +61,13 @@ TEST(Dac, FanOutsReachEachModuleOnItsChannelInOrder)
   // One chip on every module: each module selected, the chip re-selected on it,
   // then the write; the result is the last module's write.
   det.clear();
-  det.module(2).set_handler(
-      [](const Request& r) { return r.method == "HS_ImgChipDAC" ? Reply::error("refused") : Reply::result("OK"); });
+  det.module(2).set_handler([](const Request& r) { return fail_dac_writes(r, Reply::error("refused")); });
   EXPECT_EQ(set_dac(v, DAC_FBK, 90, VARKEL_SEND_ONE_CHIP_ALL_MODULES), 0);
   for (int m = 1; m <= 4; ++m)
     EXPECT_EQ(det.module(m).commands(),
               (Commands{"SelectMedipixBoard_Command 1 2", "HS_ImgChipNumberID_Command 1 4", dac_cmd(1, 22, 90)}));
   EXPECT_EQ(v->varkel_module, 4);
-  det.module(4).set_handler(
-      [](const Request& r) { return r.method == "HS_ImgChipDAC" ? Reply::reset() : Reply::result("OK"); });
+  det.module(4).set_handler([](const Request& r) { return fail_dac_writes(r, Reply::reset()); });
   EXPECT_EQ(set_dac(v, DAC_FBK, 90, VARKEL_SEND_ONE_CHIP_ALL_MODULES), -1);
 }
 
@@ -103,6 +104,8 @@ TEST(Dac, AllChipsOfAllModulesRunsOneWorkerPerModuleAndOrsTheFailures)
   EXPECT_EQ(det.module(4).commands().size(), 2u);
 }
 
+// Chip 5 selected: each read's command, and where its reply lands (the list
+// forms are unit-tested); a failed read leaves the caches alone.
 TEST(Dac, ReadBacksFillTheSelectedChipsRowOrEachListedChipsRow)
 {
   FakeDetector det(varkelTrio);
@@ -110,58 +113,47 @@ TEST(Dac, ReadBacksFillTheSelectedChipsRowOrEachListedChipsRow)
   v->sensor_pos.sensorPos = 5;
   const char* reply = "";
   det.module(1).set_handler([&](const Request&) { return Reply::result(reply); });
-  const auto read = [&](varkel_read_dac_t mode, varkel_dac_t dac, const char* text) {
-    reply = text;
-    return get_dac(v, mode, dac);
-  };
-  EXPECT_EQ(read(DIGITAL_READ_SINGLE_DAC, DAC_Preamp, "100"), 0);
-  EXPECT_EQ(read(DIGITAL_READ_ALL_SENSORS, DAC_Preamp, "1 : 10,2 : 12,"), 0);
-  EXPECT_EQ(read(DIGITAL_READ_ALL_DACS, DAC_Preamp, "1 : 5,31 : 6"), 0);
-  EXPECT_EQ(read(ANALOG_READ_SINGLE_DAC, DAC_GND, "0.75"), 0);
-  EXPECT_EQ(read(ANALOG_READ_ALL_DACS, DAC_GND, "1 : 0.512,2 : 1.030,"), 0);
-  EXPECT_EQ(read(ANALOG_READ_ALL_SENSORS, DAC_GND, "36 : 0.25,"), 0);
-  EXPECT_EQ(read(varkel_read_dac_t(WRITE_SINGLE_DAC), DAC_GND, "1 : 1,"), 0);
+  const std::tuple<varkel_read_dac_t, varkel_dac_t, const char*> reads[] = {
+      {DIGITAL_READ_SINGLE_DAC, DAC_Preamp, "100"},
+      {DIGITAL_READ_ALL_SENSORS, DAC_Preamp, "1 : 10,2 : 12,"},
+      {DIGITAL_READ_ALL_DACS, DAC_Preamp, "31 : 6"},
+      {ANALOG_READ_SINGLE_DAC, DAC_GND, "0.75"},
+      {ANALOG_READ_ALL_DACS, DAC_GND, "1 : 0.512,"},
+      {ANALOG_READ_ALL_SENSORS, DAC_GND, "36 : 0.25,"},
+      {varkel_read_dac_t(WRITE_SINGLE_DAC), DAC_GND, "1 : 1,"}};
+  for (const auto& [mode, dac, text] : reads)
+    EXPECT_EQ((reply = text, get_dac(v, mode, dac)), 0) << text;
   EXPECT_EQ(det.module(1).commands(), (Commands{dac_cmd(0, 9, 0), dac_cmd(2, 9, 0), dac_cmd(4, 9, 0), dac_cmd(6, 20, 0),
                                                 dac_cmd(7, 20, 0), dac_cmd(8, 20, 0), dac_cmd(1, 20, 0)}));
   int32_t digital[36][32] = {};
   float analog[36][32] = {};
-  digital[4][8] = 100, digital[0][8] = 10, digital[1][8] = 12, digital[4][0] = 5, digital[4][30] = 6;
-  analog[4][19] = 0.75f, analog[4][0] = 0.512f, analog[4][1] = 1.030f, analog[35][19] = 0.25f;
-  EXPECT_EQ(0, std::memcmp(digital, v->digital_dac_values, sizeof digital));
-  EXPECT_EQ(0, std::memcmp(analog, v->analog_dac_values, sizeof analog));
-
-  // A failed read leaves both caches alone.
+  digital[4][8] = 100, digital[0][8] = 10, digital[1][8] = 12, digital[4][30] = 6;
+  analog[4][19] = 0.75f, analog[4][0] = 0.512f, analog[35][19] = 0.25f;
   det.module(1).set_handler([](const Request&) { return Reply::reset(); });
   EXPECT_EQ(get_dac(v, DIGITAL_READ_ALL_SENSORS, DAC_Preamp), -1);
   EXPECT_EQ(0, std::memcmp(digital, v->digital_dac_values, sizeof digital));
+  EXPECT_EQ(0, std::memcmp(analog, v->analog_dac_values, sizeof analog));
 }
 
-TEST(Dac, OptimizedDiscLWritesEveryChipOfEveryModule)
+TEST(Dac, PresetsWriteEveryChipOrTheBandGapChips)
 {
-  FakeDetector det(varkelQuad);
-  varkel_t* v = det.handle();
-  EXPECT_EQ(set_OptimizedDiscL(v), 0);
+  FakeDetector quad(varkelQuad);
+  EXPECT_EQ(set_OptimizedDiscL(quad.handle()), 0);
   for (int m = 1; m <= 4; ++m)
-    EXPECT_EQ(det.module(m).commands().size(), 36u * 3) << m;
-  const Commands first = det.module(1).commands();
-  EXPECT_EQ(Commands(first.begin(), first.begin() + 3),
-            (Commands{"SelectMedipixBoard_Command 1 2", "HS_ImgChipNumberID_Command 1 0", dac_cmd(1, DAC_DiscL, 76)}));
-  EXPECT_EQ(det.module(4).commands().back(), dac_cmd(1, DAC_DiscL, 50));
-}
+    EXPECT_EQ(quad.module(m).commands().size(), 36u * 3) << m;
+  EXPECT_EQ(quad.module(1).commands()[1], "HS_ImgChipNumberID_Command 1 0");
+  EXPECT_EQ(quad.module(1).commands()[2], dac_cmd(1, DAC_DiscL, 76));
+  EXPECT_EQ(quad.module(4).commands().back(), dac_cmd(1, DAC_DiscL, 50));
 
-TEST(Dac, DefaultsSelectTheExternalBandGapOnTwoChips)
-{
+  // The external band gap on chip 6 of module 1 and chip 31 of module 2; on one
+  // module both pairs land on it, and failures change nothing.
   const Commands chip6 = {"SelectMedipixBoard_Command 1 2", "HS_ImgChipNumberID_Command 1 5",
                           "HS_ImgChip_ExtBgIn_Command 1 0.637000", "HS_ImgChipOMR 1 20 1"};
-  const Commands chip31 = {"SelectMedipixBoard_Command 1 0", "HS_ImgChipNumberID_Command 1 6",
-                           "HS_ImgChip_ExtBgIn_Command 1 0.637000", "HS_ImgChipOMR 1 20 1"};
-  FakeDetector quad(varkelQuad);
+  const Commands chip31 = {"SelectMedipixBoard_Command 1 0", "HS_ImgChipNumberID_Command 1 6", chip6[2], chip6[3]};
+  quad.clear();
   EXPECT_EQ(Set_DAC_Defaults(quad.handle()), 0);
-  EXPECT_EQ(quad.module(1).commands(), chip6);
-  EXPECT_EQ(quad.module(2).commands(), chip31);
-  EXPECT_EQ(quad.handle()->varkel_module, 2);
-
-  // One module: the second pair lands on it too; failures change nothing.
+  EXPECT_EQ(quad.all_commands().size(), 8u);
+  EXPECT_EQ(std::pair(quad.module(1).commands(), quad.module(2).commands()), std::pair(chip6, chip31));
   FakeDetector trio(varkelTrio);
   trio.module(1).set_handler([](const Request&) { return Reply::error("no"); });
   EXPECT_EQ(Set_DAC_Defaults(trio.handle()), 0);
