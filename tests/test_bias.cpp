@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "fake_detector.hpp"
@@ -16,12 +16,7 @@ using Commands = std::vector<std::string>;
 
 namespace {
 
-std::string level(double v)
-{
-  char text[64];
-  std::snprintf(text, sizeof text, "HS_SensorBias_Command 1 1 %f", v);
-  return text;
-}
+std::string level(double v) { return "HS_SensorBias_Command 1 1 " + std::to_string(v); }
 const std::string kBiasRbv = "HS_SensorBias_Command 0 0 0.000000";
 
 // A controller whose bias reads back `rbv` and whose sets answer the level taken.
@@ -34,22 +29,17 @@ FakeController::Handler bias_controller(const std::string& rbv)
   };
 }
 
-// Each with a cache of -1 to start from (-1 expected: left alone).
+// Each from a cache of -1: the command, and the cached reply (-1: left alone).
 TEST(Analog, EachOperationSendsItsTextAndCachesItsReply)
 {
   using P = varkel_params_t;
-  const struct {
-    std::function<int(varkel_t*)> call;
-    const char* command;
-    const char* reply;
-    float P::*field; // nullptr: status only
-    float cached;
-  } cases[] = {
-      {[](varkel_t* v) { return US_SensorBias(v, 100.0f); }, "HS_SensorBias_Command 1 1 100.000000",
+  using V = varkel_t*;
+  const std::tuple<int (*)(V), const char*, const char*, float P::*, float> cases[] = {
+      {[](V v) { return US_SensorBias(v, 100.0f); }, "HS_SensorBias_Command 1 1 100.000000",
        "High Voltage bias set to 35.000000V", &P::bias_voltage, 35.0f},
       {US_SensorBias_RBV, "HS_SensorBias_Command 0 0 0.000000", "12.5", &P::bias_voltage, 12.5f},
-      {[](varkel_t* v) { return US_ImgChip_ExtBgIn(v, 0.637f); }, "HS_ImgChip_ExtBgIn_Command 1 0.637000", "none",
-       &P::extBgIn, -1.0f},
+      {[](V v) { return US_ImgChip_ExtBgIn(v, 0.637f); }, "HS_ImgChip_ExtBgIn_Command 1 0.637000", "none", &P::extBgIn,
+       -1.0f},
       {US_ImgChip_ExtBgIn_RBV, "HS_ImgChip_ExtBgIn_Command 0 0.000000", "0.5", &P::extBgIn, 0.5f},
       {US_ImgChipDACOUTSense_RBV, "HS_ImgChipDACOUTSense_RBV", "0.812", &P::dacOutput, 0.812f},
       {US_BandGapOutput_RBV, "HS_BandGapOutput_RBV", "0.7", nullptr, 0},
@@ -57,15 +47,15 @@ TEST(Analog, EachOperationSendsItsTextAndCachesItsReply)
       {US_CascodeBias_RBV, "HS_DACCascodeBias_RBV", "0.7", nullptr, 0},
       {US_DACBias_RBV, "HS_DACBias_RBV", "0.7", nullptr, 0},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.command);
+  for (const auto& [call, command, reply, field, cached] : cases) {
+    SCOPED_TRACE(command);
     FakeDetector det(varkelQuad);
     varkel_t* v = det.handle();
     v->varkelParam.bias_voltage = v->varkelParam.extBgIn = v->varkelParam.dacOutput = -1.0f;
-    det.answer_all([&](const Request&) { return Reply::result(c.reply); });
-    EXPECT_EQ(c.call(v), 0);
-    EXPECT_EQ(det.all_commands(), Commands{std::string("4:") + c.command});
-    EXPECT_EQ(c.field ? v->varkelParam.*c.field : 0, c.cached);
+    det.answer_all([text = std::string(reply)](const Request&) { return Reply::result(text); });
+    EXPECT_EQ(call(v), 0);
+    EXPECT_EQ(det.all_commands(), Commands{std::string("4:") + command});
+    EXPECT_EQ(field ? v->varkelParam.*field : 0, cached);
   }
 }
 
@@ -90,29 +80,25 @@ TEST(Analog, RefusedValuesAndFailedCommandsLeaveTheCache)
 // on the target; nothing more is tried after the first refused level.
 TEST(Analog, RampStepsOneVoltFromTheReadBackAndEndsOnTheTarget)
 {
-  const struct {
-    float start, target;
-    std::vector<double> levels;
-    int rc;
-    std::string rbv = {}; // empty: the start
-  } cases[] = {
-      {10.5f, 13.2f, {11.5, 12.5, 13.2f}, 0},
-      {13.2f, 10.5f, {12.2f, 11.2f, 10.5}, 0},
-      {7.0f, 7.0f, {}, 0},
-      {98.0f, 150.0f, {99, 100}, -3},
-      {2.0f, -3.0f, {1, 0}, -3},
+  // start, target, the levels sent, the result, the read-back's reply (empty: the start)
+  const std::tuple<float, float, std::vector<double>, int, std::string> cases[] = {
+      {10.5f, 13.2f, {11.5, 12.5, 13.2f}, 0, ""},
+      {13.2f, 10.5f, {12.2f, 11.2f, 10.5}, 0, ""},
+      {7.0f, 7.0f, {}, 0, ""},
+      {98.0f, 150.0f, {99, 100}, -3, ""},
+      {2.0f, -3.0f, {1, 0}, -3, ""},
       {0.0f, 2.5f, {1, 2, 2.5}, 0, "x"},
       {0.0f, 2.0f, {}, -3, "inf"},   // no ramp from a start that is not finite
       {0.0f, 2.0f, {}, -3, "-1e30"}, // nor from one a volt no longer moves
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.start << " -> " << c.target << " " << c.rbv);
+  for (const auto& [start, target, levels, rc, rbv] : cases) {
+    SCOPED_TRACE(::testing::Message() << start << " -> " << target << " " << rbv);
     FakeDetector det(varkelTrio);
-    det.handle()->varkelParam.bias_voltage = c.start;
-    det.module(1).set_handler(bias_controller(c.rbv.empty() ? std::to_string(c.start) : c.rbv));
-    EXPECT_EQ(set_sensorBias(det.handle(), c.target), c.rc);
+    det.handle()->varkelParam.bias_voltage = start;
+    det.module(1).set_handler(bias_controller(rbv.empty() ? std::to_string(start) : rbv));
+    EXPECT_EQ(set_sensorBias(det.handle(), target), rc);
     Commands expected{kBiasRbv};
-    for (double l : c.levels)
+    for (double l : levels)
       expected.push_back(level(l));
     EXPECT_EQ(det.module(1).commands(), expected);
   }

@@ -3,6 +3,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "fake_detector.hpp"
@@ -24,48 +25,42 @@ template <typename T> T param_of(int (*)(varkel_t*, T));
 template <auto Set> int set(varkel_t* v, int x) { return Set(v, static_cast<decltype(param_of(Set))>(x)); }
 
 // Per field, on a fresh (all zero) cache: a refused value (-1: none), an accepted
-// one whose reply `set_reply` is cached (null: not cached), the same with a reply of
-// another form (the cache keeps what it had), then the read-back of "258".
+// one whose reply is cached (null: not cached), again with a reply of another form
+// (the cache keeps what it had), then the cached read-back of "258".
 TEST(OmrFields, EachPairSendsItsFieldAndCachesTheReply)
 {
   using O = varkel_omr;
-  const struct {
-    int (*set)(varkel_t*, int);
-    int (*read_back)(varkel_t*);
-    int field, good, bad;
-    const char* set_reply;
-    int (*cached)(const varkel_omr&);
-    int read_back_cached;
-  } cases[] = {
-      {set<US_OmrOMSelec>, US_OmrOMSelec_RBV, 0, 7, 8, "7", get<&O::operation_mode>, 258},
-      {set<US_ContinuousRW>, US_ContinuousRW_RBV, 1, 1, 2, "1", get<&O::crw_srw_mode>, 258},
-      {set<US_Polarity>, US_Polarity_RBV, 2, 1, 2, "Polarity set for: 1", get<&O::polarity>, 258},
-      {set<US_OmrPSSelec>, US_OmrPSSelec_RBV, 3, 3, 4, "3", get<&O::dataout>, 258},
-      {set<US_Discriminator>, US_Discriminator_RBV, 4, 1, 2, "1", get<&O::discriminator>, 258},
-      {set<US_TestPulse>, US_TestPulse_RBV, 5, 1, -1, "1", get<&O::enable_testPulse>, 1},
-      {set<US_CounterDepth>, US_CounterDepth_RBV, 6, 3, 4, "3", get<&O::counterDepth_mode>, 258},
-      {set<US_Equalization>, US_Equalization_RBV, 11, 1, -1, "1", get<&O::equalization>, 1},
-      {set<US_SpectroscopicMode>, US_SpectroscopicMode_RBV, 12, 1, 2, "1", get<&O::colour_mode>, 258},
-      {set<US_PixelMode>, US_PixelMode_RBV, 13, 1, 2, "1", get<&O::pixel_mode>, 258},
-      {set<US_Gain>, US_Gain_RBV, 17, 3, 4, "3", get<&O::gain_mode>, 258},
-      {set<US_SenseDacSel>, US_SenseDacSel_RBV, 18, 31, 32, nullptr, get<&O::sense_dacSel>, 2},
-  };
+  const std::tuple<int (*)(varkel_t*, int), int (*)(varkel_t*), int, int, int, const char*, int (*)(const O&), int>
+      cases[] = {
+          {set<US_OmrOMSelec>, US_OmrOMSelec_RBV, 0, 7, 8, "7", get<&O::operation_mode>, 258},
+          {set<US_ContinuousRW>, US_ContinuousRW_RBV, 1, 1, 2, "1", get<&O::crw_srw_mode>, 258},
+          {set<US_Polarity>, US_Polarity_RBV, 2, 1, 2, "Polarity set for: 1", get<&O::polarity>, 258},
+          {set<US_OmrPSSelec>, US_OmrPSSelec_RBV, 3, 3, 4, "3", get<&O::dataout>, 258},
+          {set<US_Discriminator>, US_Discriminator_RBV, 4, 1, 2, "1", get<&O::discriminator>, 258},
+          {set<US_TestPulse>, US_TestPulse_RBV, 5, 1, -1, "1", get<&O::enable_testPulse>, 1},
+          {set<US_CounterDepth>, US_CounterDepth_RBV, 6, 3, 4, "3", get<&O::counterDepth_mode>, 258},
+          {set<US_Equalization>, US_Equalization_RBV, 11, 1, -1, "1", get<&O::equalization>, 1},
+          {set<US_SpectroscopicMode>, US_SpectroscopicMode_RBV, 12, 1, 2, "1", get<&O::colour_mode>, 258},
+          {set<US_PixelMode>, US_PixelMode_RBV, 13, 1, 2, "1", get<&O::pixel_mode>, 258},
+          {set<US_Gain>, US_Gain_RBV, 17, 3, 4, "3", get<&O::gain_mode>, 258},
+          {set<US_SenseDacSel>, US_SenseDacSel_RBV, 18, 31, 32, nullptr, get<&O::sense_dacSel>, 2},
+      };
   FakeDetector det(kinlet);
   varkel_t* v = det.handle();
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.field);
+  for (const auto& [setter, read_back, field, good, bad, set_reply, cached, read_back_cached] : cases) {
+    SCOPED_TRACE(field);
     det.clear();
-    EXPECT_EQ(c.bad >= 0 ? c.set(v, c.bad) : -3, -3);
-    for (const char* text : {c.set_reply ? c.set_reply : "31", "none"}) {
+    EXPECT_EQ(bad >= 0 ? setter(v, bad) : -3, -3);
+    for (const char* text : {set_reply ? set_reply : "31", "none"}) {
       answer(det, Reply::result(text));
-      EXPECT_EQ(c.set(v, c.good), 0);
-      EXPECT_EQ(c.cached(v->omr), c.set_reply ? c.good : 0);
+      EXPECT_EQ(setter(v, good), 0);
     }
+    EXPECT_EQ(cached(v->omr), set_reply ? good : 0);
     answer(det, Reply::result("258"));
-    EXPECT_EQ(c.read_back(v), 0);
-    EXPECT_EQ(c.cached(v->omr), c.read_back_cached);
-    const std::string sent = "1:HS_Set_OMR " + std::to_string(c.field) + " " + std::to_string(c.good);
-    EXPECT_EQ(det.all_commands(), (Commands{sent, sent, "1:HS_Get_OMR " + std::to_string(c.field)}));
+    EXPECT_EQ(read_back(v), 0);
+    EXPECT_EQ(cached(v->omr), read_back_cached);
+    const std::string sent = "1:HS_Set_OMR " + std::to_string(field) + " " + std::to_string(good);
+    EXPECT_EQ(det.all_commands(), (Commands{sent, sent, "1:HS_Get_OMR " + std::to_string(field)}));
   }
 }
 
@@ -75,57 +70,47 @@ TEST(OmrRegister, SetChecksTheFieldThenFansOut)
 {
   const std::string na = "OMR-field not accessible\n", gain = "inside gain mode validate-> Value: 2\n";
   auto each = [](const std::string& c) { return Commands{"1:" + c, "2:" + c, "3:" + c, "4:" + c}; };
-  const struct {
-    int field, value;
-    varkel_send_to_all_t to;
-    int rc;
-    std::string printed;
-    Commands sent;
-    int failing = 0;
-  } cases[] = {
-      {OMR_Ext_BG_Sel, 1, VARKEL_SEND_ONE_CHIP_ONE_MODULE, 0, "", {"2:HS_ImgChipOMR 1 20 1"}},
-      {OMR_Gain_Mode, 2, VARKEL_SEND_ALL_CHIPS_ONE_MODULE, 0, gain, {"2:HS_ImgChipOMR 3 17 2"}},
+  // field, value, target, result, printed after the field's line, commands, the module that resets (0: none)
+  const std::tuple<int, int, varkel_send_to_all_t, int, std::string, Commands, int> cases[] = {
+      {OMR_Ext_BG_Sel, 1, VARKEL_SEND_ONE_CHIP_ONE_MODULE, 0, "", {"2:HS_ImgChipOMR 1 20 1"}, 0},
+      {OMR_Gain_Mode, 2, VARKEL_SEND_ALL_CHIPS_ONE_MODULE, 0, gain, {"2:HS_ImgChipOMR 3 17 2"}, 0},
       {OMR_CountL, 3, VARKEL_SEND_ONE_CHIP_ALL_MODULES, 0, "", each("HS_ImgChipOMR 1 6 3"), 2},
       {OMR_M, 7, VARKEL_SEND_ALL_CHIPS_ALL_MODULES, -1, "", each("HS_ImgChipOMR 3 0 7"), 4},
-      {OMR_Sense_DAC, 32, VARKEL_SEND_ONE_CHIP_ONE_MODULE, -12, "", {}},
-      {OMR_PS, 0, VARKEL_SEND_ONE_CHIP_ONE_MODULE, -11, na, {}},
-      {OMR_ENUM_END, 0, VARKEL_SEND_ONE_CHIP_ONE_MODULE, -11, "", {}},
-      {OMR_Polarity, 1, VARKEL_SEND_ALL_MFBS_ONE_MODEULE, 0, "", {}},
+      {OMR_Sense_DAC, 32, VARKEL_SEND_ONE_CHIP_ONE_MODULE, -12, "", {}, 0},
+      {OMR_PS, 0, VARKEL_SEND_ONE_CHIP_ONE_MODULE, -11, na, {}, 0},
+      {OMR_ENUM_END, 0, VARKEL_SEND_ONE_CHIP_ONE_MODULE, -11, "", {}, 0},
+      {OMR_Polarity, 1, VARKEL_SEND_ALL_MFBS_ONE_MODEULE, 0, "", {}, 0},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.field);
+  for (const auto& [field, value, to, rc, after, sent, failing] : cases) {
+    SCOPED_TRACE(field);
     FakeDetector det(varkelQuad);
     varkel_t* v = det.handle();
     ASSERT_EQ(select_module(v, 2), 0);
-    if (c.failing)
-      det.module(c.failing).set_handler([](const Request&) { return Reply::reset(); });
+    if (failing)
+      det.module(failing).set_handler([](const Request&) { return Reply::reset(); });
     ::testing::internal::CaptureStdout();
-    EXPECT_EQ(set_omr(v, static_cast<varkel_omr_t>(c.field), c.value, c.to), c.rc);
-    const std::string out = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(set_omr(v, static_cast<varkel_omr_t>(field), value, to), rc);
+    const std::string out = ::testing::internal::GetCapturedStdout(), line = "OMR: " + std::to_string(field);
     const std::string printed =
-        c.field == OMR_ENUM_END
-            ? ""
-            : "OMR: " + std::to_string(c.field) + " -> Value: " + std::to_string(c.value) + "\n" + c.printed;
-    EXPECT_EQ(c.sent.empty() ? out : out.substr(0, printed.size()), printed);
-    EXPECT_EQ(det.all_commands(), c.sent);
-    EXPECT_EQ(v->varkel_module, c.sent.size() == 4 ? 4 : 2);
+        field == OMR_ENUM_END ? "" : line + " -> Value: " + std::to_string(value) + "\n" + after;
+    EXPECT_EQ(sent.empty() ? out : out.substr(0, printed.size()), printed);
+    EXPECT_EQ(det.all_commands(), sent);
+    EXPECT_EQ(v->varkel_module, sent.size() == 4 ? 4 : 2);
   }
 }
 
-// The pair parse itself is unit-tested; here the command, the conversion of the
-// counter depth, and a failed read that leaves the values alone.
-TEST(OmrRegister, GetReadsEveryPairAndConvertsTheCounterDepth)
+// The pair parse itself is unit-tested; here the command, and a failed read that
+// leaves the values alone.
+TEST(OmrRegister, GetReadsEveryPairOrLeavesThemAlone)
 {
   FakeDetector det(kinlet);
   varkel_t* v = det.handle();
-  for (const auto& [reply, depth] : {std::pair{Reply::result("6 : 24,0 : 4,"), 3},
-                                     std::pair{Reply::result("6 : 6,"), -1}, std::pair{Reply::reset(), -1}}) {
-    answer(det, reply);
-    EXPECT_EQ(get_omr(v), reply.action == Reply::Action::reset ? -1 : 0);
-    EXPECT_EQ(v->omr_values[6], depth);
-  }
-  EXPECT_EQ(v->omr_values[0], 4);
-  EXPECT_EQ(det.all_commands(), Commands(3, "1:HS_ImgChipOMR 4 0 0"));
+  answer(det, Reply::result("6 : 24,0 : 4,"));
+  EXPECT_EQ(get_omr(v), 0);
+  answer(det, Reply::reset());
+  EXPECT_EQ(get_omr(v), -1);
+  EXPECT_EQ(std::pair(v->omr_values[0], v->omr_values[6]), std::pair(4, 3));
+  EXPECT_EQ(det.all_commands(), Commands(2, "1:HS_ImgChipOMR 4 0 0"));
 }
 
 // On four modules, main channel on module 4, nothing selected: the result, the
@@ -134,12 +119,8 @@ TEST(PixelLoads, LoopsSendEveryCommandInModuleOrder)
 {
   using V = varkel_t*;
   const std::string eq = "4:HS_LoadEqualization ", sel = "SelectMedipixBoard_Command 1 ", off = "4:HS_Set_OMR 11 0";
-  const struct {
-    std::function<int(varkel_t*)> call;
-    int rc;
-    std::size_t count;
-    std::string first, last;
-  } cases[] = {
+  // the call, its result, the count of commands, the first and the last
+  const std::tuple<std::function<int(varkel_t*)>, int, std::size_t, std::string, std::string> cases[] = {
       {[](V v) { return US_Load_Equalization(v, 3, 0); }, 0, 36, eq + "CFG3 1", eq + "CFG3 36"},
       {[](V v) { return US_Load_Equalization(v, 255, 36); }, 0, 1, eq + "CFG255 36", eq + "CFG255 36"},
       {[](V v) { return US_Load_Equalization(v, 3, 37); }, -3, 0, "", ""},
@@ -159,13 +140,13 @@ TEST(PixelLoads, LoopsSendEveryCommandInModuleOrder)
        4 * 8, "1:" + sel + "1", off},
       {[](V v) { return US_ConfigDiscL(v, 1, VARKEL_SEND_ALL_CHIPS_ONE_MODULE); }, 0, 36 * 8, "4:" + sel + "2", off},
   };
-  for (const auto& c : cases) {
+  for (const auto& [call, rc, count, first, last] : cases) {
     FakeDetector det(varkelQuad);
-    EXPECT_EQ(c.call(det.handle()), c.rc);
-    Commands sent = det.all_commands();
-    ASSERT_EQ(sent.size(), c.count) << c.first;
+    EXPECT_EQ(call(det.handle()), rc);
+    const Commands sent = det.all_commands();
+    ASSERT_EQ(sent.size(), count) << first;
     EXPECT_TRUE(std::is_sorted(sent.begin(), sent.end(), [](auto& a, auto& b) { return a[0] < b[0]; }));
-    EXPECT_EQ((sent.empty() ? Commands{"", ""} : Commands{sent.front(), sent.back()}), (Commands{c.first, c.last}));
+    EXPECT_EQ((sent.empty() ? Commands{"", ""} : Commands{sent.front(), sent.back()}), (Commands{first, last}));
   }
 }
 

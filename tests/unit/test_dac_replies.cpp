@@ -1,21 +1,22 @@
-// The DAC read-back parses on text alone: every walk ends inside the text and
-// stores only inside the caches.
+// The list replies of DAC and OMR reads on text alone: every walk ends inside the
+// text and stores only inside its caches.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
 #include <string>
+#include <tuple>
 
 #include "internal/dac.hpp"
+#include "internal/omr_parse.hpp"
 #include "varkel.h"
 
 namespace {
 
 TEST(DacReplies, ListsStoreInsideTheCachesAndStopAtTheFirstUnreadableEntry)
 {
-  const struct {
-    int mode, dac, chip;
-    std::string text;
-    int stored;
-  } cases[] = {
+  // read mode, DAC, selected chip, reply, values stored
+  const std::tuple<int, int, int, std::string, int> cases[] = {
       {DIGITAL_READ_ALL_SENSORS, 9, 1, "1 : 10,x : 3,4 : 4,", 1},         // the walk ends at x
       {DIGITAL_READ_ALL_SENSORS, 9, 1, "0 : 1,37 : 2,-3 : 3,36 : 4,", 1}, // chips outside 1..36 dropped
       {DIGITAL_READ_ALL_SENSORS, 33, 1, "1 : 1,", 0},                     // DAC outside 1..32
@@ -29,11 +30,32 @@ TEST(DacReplies, ListsStoreInsideTheCachesAndStopAtTheFirstUnreadableEntry)
       {DIGITAL_READ_ALL_SENSORS, 9, 1, std::string(1023, ','), 0},
       {DIGITAL_READ_ALL_SENSORS, 9, 1, std::string(1000, ' ') + "1 : 2,", 1},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text.substr(0, 60));
+  for (const auto& [mode, dac, chip, text, stored] : cases) {
     int32_t digital[36][32] = {};
     float analog[36][32] = {};
-    EXPECT_EQ(varkel::detail::store_dac_reply(c.mode, c.dac, c.chip, c.text.c_str(), digital, analog), c.stored);
+    EXPECT_EQ(varkel::detail::store_dac_reply(mode, dac, chip, text.c_str(), digital, analog), stored) << text;
+  }
+}
+
+TEST(OmrPairs, StoresReadablePairsOfKnownFieldsAndAlwaysStops)
+{
+  // Fields not listed keep the 7 they start with.
+  const std::pair<const char*, std::map<int, int>> cases[] = {
+      {"0 : 4,6 : 24,17 : 2,", {{0, 4}, {6, 3}, {17, 2}}}, // counter depth in bits -> index
+      {"6 : 6,", {{6, -1}}},
+      {"0:4,  1 :\t-1,", {{0, 4}, {1, -1}}},
+      {"20 : 7", {{20, 7}}},              // last pair without its comma
+      {"3 : 1;4 : 1,", {{3, 1}}},         // anything but a comma after a pair ends it
+      {"21 : 5,-1 : 5,2 : 1,", {{2, 1}}}, // fields outside 0..20 are skipped
+      {"Invalid params: no chip", {}},    // an error text passed through
+      {"5 : x,6 : 12,", {}},              // a pair without a value
+  };
+  for (const auto& [text, stored] : cases) {
+    int32_t values[varkel::detail::kOmrFields];
+    std::fill(std::begin(values), std::end(values), 7);
+    varkel::detail::store_omr_pairs(text, values);
+    for (int f = 0; f < varkel::detail::kOmrFields; ++f)
+      EXPECT_EQ(values[f], stored.count(f) ? stored.at(f) : 7) << text << " field " << f;
   }
 }
 
