@@ -2,12 +2,14 @@
 // against fake controllers on loopback.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
 #include <set>
 #include <string>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
@@ -23,28 +25,26 @@ std::string dac_cmd(int op, int dac, int value)
 {
   return "HS_ImgChipDAC " + std::to_string(op) + " " + std::to_string(dac) + " " + std::to_string(value);
 }
-Reply fail_dac_writes(const Request& r, Reply failure)
-{
-  return r.method == "HS_ImgChipDAC" ? failure : Reply::result("OK");
-}
+Reply fail_writes(const Request& r, Reply f) { return r.method == "HS_ImgChipDAC" ? f : Reply::result("OK"); }
 
 TEST(Dac, EachDacTakesItsRangeAndNothingOutsideIsSent)
 {
   const std::set<int> nine_bits = {DAC_ThresholdEnergy0, DAC_ThresholdEnergy1, DAC_TPRefA, DAC_TPRefB};
   FakeDetector det(varkelTrio);
-  varkel_t* v = det.handle();
+  const auto set = [&](int dac, int value, varkel_send_to_all_t to = VARKEL_SEND_ONE_CHIP_ONE_MODULE) {
+    return set_dac(det.handle(), varkel_dac_t(dac), value, to);
+  };
   Commands sent;
   for (int dac = 1; dac <= 31; ++dac) {
     const int max = nine_bits.count(dac) ? 511 : 255;
-    EXPECT_EQ(set_dac(v, varkel_dac_t(dac), max, VARKEL_SEND_ONE_CHIP_ONE_MODULE), 0) << dac;
-    EXPECT_EQ(set_dac(v, varkel_dac_t(dac), max + 1, VARKEL_SEND_ONE_CHIP_ONE_MODULE), -5) << dac;
-    EXPECT_EQ(set_dac(v, varkel_dac_t(dac), -1, VARKEL_SEND_ALL_CHIPS_ONE_MODULE), -5) << dac;
+    EXPECT_EQ(std::tuple(set(dac, max), set(dac, max + 1), set(dac, -1, VARKEL_SEND_ALL_CHIPS_ONE_MODULE)),
+              std::tuple(0, -5, -5))
+        << dac;
     sent.push_back(dac_cmd(1, dac, max));
   }
-  for (int bad : {0, 32, -1})
-    EXPECT_EQ(set_dac(v, varkel_dac_t(bad), -1, VARKEL_SEND_ONE_CHIP_ONE_MODULE), -4) << bad;
-  for (auto board_target : {VARKEL_SEND_ONE_MFB_ONE_MODULE, VARKEL_SEND_ALL_MFBS_ALL_MODULES})
-    EXPECT_EQ(set_dac(v, DAC_Preamp, 1, board_target), 0);
+  // No DAC, and the board targets, which are no DAC targets.
+  EXPECT_EQ(std::tuple(set(0, -1), set(32, -1), set(-1, -1), set(9, 1, VARKEL_SEND_ONE_MFB_ONE_MODULE)),
+            std::tuple(-4, -4, -4, 0));
   EXPECT_EQ(det.module(1).commands(), sent);
 }
 
@@ -61,13 +61,13 @@ TEST(Dac, FanOutsReachEachModuleOnItsChannelInOrder)
   // One chip on every module: each module selected, the chip re-selected on it,
   // then the write; the result is the last module's write.
   det.clear();
-  det.module(2).set_handler([](const Request& r) { return fail_dac_writes(r, Reply::error("refused")); });
+  det.module(2).set_handler([](const Request& r) { return fail_writes(r, Reply::error("refused")); });
   EXPECT_EQ(set_dac(v, DAC_FBK, 90, VARKEL_SEND_ONE_CHIP_ALL_MODULES), 0);
   for (int m = 1; m <= 4; ++m)
     EXPECT_EQ(det.module(m).commands(),
               (Commands{"SelectMedipixBoard_Command 1 2", "HS_ImgChipNumberID_Command 1 4", dac_cmd(1, 22, 90)}));
   EXPECT_EQ(v->varkel_module, 4);
-  det.module(4).set_handler([](const Request& r) { return fail_dac_writes(r, Reply::reset()); });
+  det.module(4).set_handler([](const Request& r) { return fail_writes(r, Reply::reset()); });
   EXPECT_EQ(set_dac(v, DAC_FBK, 90, VARKEL_SEND_ONE_CHIP_ALL_MODULES), -1);
 }
 
@@ -104,33 +104,21 @@ TEST(Dac, AllChipsOfAllModulesRunsOneWorkerPerModuleAndOrsTheFailures)
   EXPECT_EQ(det.module(4).commands().size(), 2u);
 }
 
-// Chip 5 selected: each read's command, and where its reply lands (the list
-// forms are unit-tested); a failed read leaves the caches alone.
-TEST(Dac, ReadBacksFillTheSelectedChipsRowOrEachListedChipsRow)
+// The selected chip's row, the read's command, and a failed read that leaves the
+// caches alone (the reply forms are unit-tested).
+TEST(Dac, ReadBacksFillTheSelectedChipsRowAndFailuresLeaveTheCaches)
 {
   FakeDetector det(varkelTrio);
   varkel_t* v = det.handle();
   v->sensor_pos.sensorPos = 5;
-  const char* reply = "";
-  det.module(1).set_handler([&](const Request&) { return Reply::result(reply); });
-  const std::tuple<varkel_read_dac_t, varkel_dac_t, const char*> reads[] = {
-      {DIGITAL_READ_SINGLE_DAC, DAC_Preamp, "100"},
-      {DIGITAL_READ_ALL_SENSORS, DAC_Preamp, "1 : 10,2 : 12,"},
-      {DIGITAL_READ_ALL_DACS, DAC_Preamp, "31 : 6"},
-      {ANALOG_READ_SINGLE_DAC, DAC_GND, "0.75"},
-      {ANALOG_READ_ALL_DACS, DAC_GND, "1 : 0.512,"},
-      {ANALOG_READ_ALL_SENSORS, DAC_GND, "36 : 0.25,"},
-      {varkel_read_dac_t(WRITE_SINGLE_DAC), DAC_GND, "1 : 1,"}};
-  for (const auto& [mode, dac, text] : reads)
-    EXPECT_EQ((reply = text, get_dac(v, mode, dac)), 0) << text;
-  EXPECT_EQ(det.module(1).commands(), (Commands{dac_cmd(0, 9, 0), dac_cmd(2, 9, 0), dac_cmd(4, 9, 0), dac_cmd(6, 20, 0),
-                                                dac_cmd(7, 20, 0), dac_cmd(8, 20, 0), dac_cmd(1, 20, 0)}));
-  int32_t digital[36][32] = {};
-  float analog[36][32] = {};
-  digital[4][8] = 100, digital[0][8] = 10, digital[1][8] = 12, digital[4][30] = 6;
-  analog[4][19] = 0.75f, analog[4][0] = 0.512f, analog[35][19] = 0.25f;
+  det.module(1).set_handler([](const Request& r) { return Reply::result(r.params.at(0) == "6" ? "0.75" : "31 : 6,"); });
+  EXPECT_EQ(get_dac(v, DIGITAL_READ_ALL_DACS, DAC_Preamp) | get_dac(v, ANALOG_READ_SINGLE_DAC, DAC_GND), 0);
   det.module(1).set_handler([](const Request&) { return Reply::reset(); });
   EXPECT_EQ(get_dac(v, DIGITAL_READ_ALL_SENSORS, DAC_Preamp), -1);
+  EXPECT_EQ(det.module(1).commands(), (Commands{dac_cmd(4, 9, 0), dac_cmd(6, 20, 0), dac_cmd(2, 9, 0)}));
+  int32_t digital[36][32] = {};
+  float analog[36][32] = {};
+  digital[4][30] = 6, analog[4][19] = 0.75f;
   EXPECT_EQ(0, std::memcmp(digital, v->digital_dac_values, sizeof digital));
   EXPECT_EQ(0, std::memcmp(analog, v->analog_dac_values, sizeof analog));
 }
@@ -139,11 +127,11 @@ TEST(Dac, PresetsWriteEveryChipOrTheBandGapChips)
 {
   FakeDetector quad(varkelQuad);
   EXPECT_EQ(set_OptimizedDiscL(quad.handle()), 0);
-  for (int m = 1; m <= 4; ++m)
-    EXPECT_EQ(quad.module(m).commands().size(), 36u * 3) << m;
-  EXPECT_EQ(quad.module(1).commands()[1], "HS_ImgChipNumberID_Command 1 0");
-  EXPECT_EQ(quad.module(1).commands()[2], dac_cmd(1, DAC_DiscL, 76));
-  EXPECT_EQ(quad.module(4).commands().back(), dac_cmd(1, DAC_DiscL, 50));
+  const Commands sent = quad.all_commands();
+  ASSERT_EQ(sent.size(), 4 * 36u * 3);
+  EXPECT_TRUE(std::is_sorted(sent.begin(), sent.end(), [](auto& a, auto& b) { return a[0] < b[0]; }));
+  const std::string first = "1:" + dac_cmd(1, DAC_DiscL, 76), last = "4:" + dac_cmd(1, DAC_DiscL, 50);
+  EXPECT_EQ(std::tuple(sent[1], sent[2], sent.back()), std::tuple("1:HS_ImgChipNumberID_Command 1 0", first, last));
 
   // The external band gap on chip 6 of module 1 and chip 31 of module 2; on one
   // module both pairs land on it, and failures change nothing.
@@ -152,8 +140,8 @@ TEST(Dac, PresetsWriteEveryChipOrTheBandGapChips)
   const Commands chip31 = {"SelectMedipixBoard_Command 1 0", "HS_ImgChipNumberID_Command 1 6", chip6[2], chip6[3]};
   quad.clear();
   EXPECT_EQ(Set_DAC_Defaults(quad.handle()), 0);
-  EXPECT_EQ(quad.all_commands().size(), 8u);
-  EXPECT_EQ(std::pair(quad.module(1).commands(), quad.module(2).commands()), std::pair(chip6, chip31));
+  EXPECT_EQ(std::tuple(quad.module(1).commands(), quad.module(2).commands(), quad.all_commands().size()),
+            std::tuple(chip6, chip31, 8u));
   FakeDetector trio(varkelTrio);
   trio.module(1).set_handler([](const Request&) { return Reply::error("no"); });
   EXPECT_EQ(Set_DAC_Defaults(trio.handle()), 0);
