@@ -1,10 +1,11 @@
-// DAC calibration files: loading, the writes to every enabled chip of every module
-// on its own channel, and the failures that must send nothing.
+// DAC calibration files: the writes to every enabled chip of every module on its
+// own channel, and the failures that must send nothing.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "fake_detector.hpp"
@@ -37,25 +38,22 @@ struct Files {
     dir = mkdtemp(name);
     std::string index = "[paths]\n";
     for (int m = 1; m <= 4; ++m) {
-      write("module" + std::to_string(m) + ".ini", module_text(m));
-      if (m <= modules)
-        index += "MODULE " + std::to_string(m) + "=" + (dir / ("module" + std::to_string(m) + ".ini")).string() + "\n";
+      const std::string file = "module" + std::to_string(m) + ".ini";
+      write(file, module_text(m));
+      index += m <= modules ? "MODULE " + std::to_string(m) + "=" + (dir / file).string() + "\n" : "";
     }
     write("index.ini", index);
   }
   ~Files() { fs::remove_all(dir); }
   void write(const std::string& file, const std::string& text) const { std::ofstream(dir / file) << text; }
-  int configure(FakeDetector& det) const
+  int configure(FakeDetector& d) const
   {
-    return configure_module_dacs_with_file(det.handle(), (dir / "index.ini").c_str());
+    return configure_module_dacs_with_file(d.handle(), (dir / "index.ini").c_str());
   }
   fs::path dir;
 };
 
-std::string dac_cmd(int dac, int value)
-{
-  return "HS_ImgChipDAC 1 " + std::to_string(dac) + " " + std::to_string(value);
-}
+std::string dac_cmd(int dac, int v) { return "HS_ImgChipDAC 1 " + std::to_string(dac) + " " + std::to_string(v); }
 
 TEST(DacFiles, EveryEnabledChipOfEveryModuleGetsItsFourDacsOnItsOwnChannel)
 {
@@ -74,60 +72,53 @@ TEST(DacFiles, EveryEnabledChipOfEveryModuleGetsItsFourDacsOnItsOwnChannel)
                          dac_cmd(DAC_GND, 50 + c + m), dac_cmd(DAC_FBK, 100 + c + m), dac_cmd(DAC_CAS, 150 + c + m)});
     EXPECT_EQ(det.module(m).commands(), expected) << m;
   }
-}
-
-TEST(DacFiles, AFileThatFailsToLoadSendsNothing)
-{
-  const struct {
-    const char* file;
-    std::string text; // empty: the file is removed
-    int modules = 4;
-  } cases[] = {
-      {"index.ini", ""},
-      {"index.ini", "", 3}, // without module 4
-      {"module3.ini", ""},
-      {"module4.ini", module_text(4, "[SENSOR 36]", "[SENSOR 37]")},
-      {"module2.ini", module_text(2, "discl=38", "disc=38")},
-      {"module1.ini", module_text(1, "gnd=71", "gnd=7l")},
-      {"module1.ini", "SENSOR 1\nfbk=3\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.file) + " " + c.text.substr(0, 20));
-    Files files(c.modules);
-    if (c.modules == 4)
-      c.text.empty() ? void(fs::remove(files.dir / c.file)) : files.write(c.file, c.text);
-    FakeDetector det(varkelLite); // every file counts, even for one module
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(files.configure(det), -1);
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ(det.all_commands(), Commands{});
-    EXPECT_EQ(err.rfind("\033[31mERROR: \033[0m [dac_files.cpp:", 0), 0u) << err;
-    EXPECT_NE(err.find("extract_default_dacs_from_file failed. \n\n"), std::string::npos) << err;
-    EXPECT_EQ(err.find("error reading file") != std::string::npos, c.file != std::string("index.ini")) << err;
-  }
-}
-
-TEST(DacFiles, ValuesKeepTheirLow16BitsAndTheWriteRefusesTooLargeOnes)
-{
-  dac_data d{};
-  EXPECT_FALSE(varkel::detail::parse_module_dacs(module_text(0, "fbk=101", "fbk=65543"), d));
-  EXPECT_EQ(std::pair(+d.fbk[0], +d.discl[35]), std::pair(7, 36));
 
   // One board: chips 1..12 sit on board 2, which it lacks; the selection reports
   // -3, the chip command and the writes still go out.
-  Files files;
   FakeDetector lite(varkelLite);
   EXPECT_EQ(files.configure(lite), -3);
   const Commands sent = lite.module(1).commands();
   ASSERT_EQ(sent.size(), 12u * 5);
-  EXPECT_EQ(sent[0], "HS_ImgChipNumberID_Command 1 0");
-  EXPECT_EQ(sent[4], dac_cmd(DAC_CAS, 152));
+  EXPECT_EQ(std::pair(sent[0], sent[4]),
+            std::pair(std::string("HS_ImgChipNumberID_Command 1 0"), dac_cmd(DAC_CAS, 152)));
 
   // A calibrated value of 300 fails that one write (-5); the others go out.
   files.write("module1.ini", module_text(1, "cas=152", "cas=300"));
   FakeDetector trio(varkelTrio);
   EXPECT_EQ(files.configure(trio), -5);
   EXPECT_EQ(trio.module(1).commands().size(), 36u * 6 - 1);
+}
+
+TEST(DacFiles, AFileThatFailsToLoadSendsNothing)
+{
+  // the file, its text (empty: removed), the modules the index names
+  const std::tuple<std::string, std::string, int> cases[] = {
+      {"index.ini", "", 4},
+      {"index.ini", "", 3},
+      {"module3.ini", "", 4},
+      {"module4.ini", module_text(4, "[SENSOR 36]", "[SENSOR 37]"), 4},
+      {"module2.ini", module_text(2, "discl=38", "disc=38"), 4},
+      {"module1.ini", module_text(1, "gnd=71", "gnd=7l"), 4},
+      {"module1.ini", "SENSOR 1\nfbk=3\n", 4},
+  };
+  for (const auto& [file, text, modules] : cases) {
+    Files files(modules);
+    if (modules == 4)
+      text.empty() ? void(fs::remove(files.dir / file)) : files.write(file, text);
+    FakeDetector det(varkelLite); // every file counts, even for one module
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(files.configure(det), -1) << file;
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::tuple(det.all_commands().size(), err.rfind("\033[31mERROR: \033[0m [dac_files.cpp:", 0),
+                         err.find("extract_default_dacs_from_file failed. \n\n") != std::string::npos,
+                         err.find("error reading file") != std::string::npos),
+              std::tuple(0u, 0u, true, file != "index.ini"))
+        << file << " " << err;
+  }
+  // Values keep their low 16 bits.
+  dac_data d{};
+  EXPECT_FALSE(varkel::detail::parse_module_dacs(module_text(0, "fbk=101", "fbk=65543"), d));
+  EXPECT_EQ(std::pair(+d.fbk[0], +d.discl[35]), std::pair(7, 36));
 }
 
 TEST(RunDacsAllChips, SelectsEachChipNumberThenRunsTheOperationAndOrsItsResults)
