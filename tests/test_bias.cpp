@@ -1,12 +1,7 @@
 // Sensor bias ramps and the analogue set-points and monitors, against fake
 // controllers on loopback.
-#include <gtest/gtest.h>
-
 #include <cmath>
-#include <functional>
-#include <string>
-#include <tuple>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include "fake_detector.hpp"
 #include "varkel.h"

@@ -1,17 +1,12 @@
 // DAC writes with their fan-outs, read-backs into the caches and the presets,
 // against fake controllers on loopback.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <condition_variable>
 #include <cstring>
 #include <fcntl.h>
-#include <mutex>
+#include <gtest/gtest.h>
 #include <set>
-#include <string>
-#include <tuple>
 #include <unistd.h>
-#include <vector>
 
 #include "fake_detector.hpp"
 #include "varkel.h"

@@ -1,16 +1,11 @@
 // DAC calibration files: the writes to every enabled chip of every module on its
 // own channel, and the failures that must send nothing.
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <tuple>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include "fake_detector.hpp"
 #include "internal/dac_files.hpp"
-#include "utils.h"
 #include "varkel.h"
 
 using namespace varkel::testing;

@@ -1,13 +1,8 @@
 // OMR register and fields, equalization and pixel loads against fake controllers.
-#include <algorithm>
-#include <functional>
-#include <gtest/gtest.h>
-#include <string>
-#include <tuple>
-#include <vector>
-
 #include "fake_detector.hpp"
 #include "varkel.h"
+#include <algorithm>
+#include <gtest/gtest.h>
 
 using namespace varkel::testing;
 using Commands = std::vector<std::string>;
