@@ -91,10 +91,8 @@ TEST(Dac, AllChipsOfAllModulesRunsOneWorkerPerModuleAndOrsTheFailures)
   // Module 2 holds no descriptor (ENOTCONN), module 3 one that is no socket
   // (ENOTSOCK): the result carries both codes.
   det.answer_all(nullptr);
-  ::close(v->fd[1]);
-  ::close(v->fd[2]);
-  v->fd[1] = 0;
-  v->fd[2] = ::open("/dev/null", O_RDONLY);
+  ::close(v->fd[1]), ::close(v->fd[2]);
+  v->fd[1] = 0, v->fd[2] = ::open("/dev/null", O_RDONLY);
   EXPECT_EQ(US_Set_DAC(v, DAC_CAS, 128, VARKEL_SEND_ALL_CHIPS_ALL_MODULES, VARKEL_THREAD_MAIN), ENOTCONN | ENOTSOCK);
   EXPECT_EQ(det.module(4).commands().size(), 2u);
 }

@@ -22,7 +22,7 @@ template <auto Set> int set(varkel_t* v, int x) { return Set(v, static_cast<decl
 // Per field, on a fresh (all zero) cache: a refused value (-1: none), an accepted
 // one whose reply is cached (null: not cached), again with a reply of another form
 // (the cache keeps what it had), then the cached read-back of "258".
-TEST(OmrFields, EachPairSendsItsFieldAndCachesTheReply)
+TEST(OmrFields, EachPairSendsItsFieldAndCachesTheReplyAsDoesTheAllFieldsRead)
 {
   using O = varkel_omr;
   const std::tuple<int (*)(varkel_t*, int), int (*)(varkel_t*), int, int, int, const char*, int (*)(const O&), int>
@@ -57,6 +57,14 @@ TEST(OmrFields, EachPairSendsItsFieldAndCachesTheReply)
     const std::string sent = "1:HS_Set_OMR " + std::to_string(field) + " " + std::to_string(good);
     EXPECT_EQ(det.all_commands(), (Commands{sent, sent, "1:HS_Get_OMR " + std::to_string(field)}));
   }
+  // The all-fields read, then a failed one that leaves the values alone (the pair parse is unit-tested).
+  det.clear();
+  answer(det, Reply::result("6 : 24,0 : 4,"));
+  EXPECT_EQ(get_omr(v), 0);
+  answer(det, Reply::reset());
+  EXPECT_EQ(get_omr(v), -1);
+  EXPECT_EQ(std::tuple(v->omr_values[0], v->omr_values[6], det.all_commands()),
+            std::tuple(4, 3, Commands(2, "1:HS_ImgChipOMR 4 0 0")));
 }
 
 // From module 2: the check, what it prints first, the commands per module, and
@@ -92,20 +100,6 @@ TEST(OmrRegister, SetChecksTheFieldThenFansOut)
     EXPECT_EQ(det.all_commands(), sent);
     EXPECT_EQ(v->varkel_module, sent.size() == 4 ? 4 : 2);
   }
-}
-
-// The pair parse itself is unit-tested; here the command, and a failed read that
-// leaves the values alone.
-TEST(OmrRegister, GetReadsEveryPairOrLeavesThemAlone)
-{
-  FakeDetector det(kinlet);
-  varkel_t* v = det.handle();
-  answer(det, Reply::result("6 : 24,0 : 4,"));
-  EXPECT_EQ(get_omr(v), 0);
-  answer(det, Reply::reset());
-  EXPECT_EQ(get_omr(v), -1);
-  EXPECT_EQ(std::pair(v->omr_values[0], v->omr_values[6]), std::pair(4, 3));
-  EXPECT_EQ(det.all_commands(), Commands(2, "1:HS_ImgChipOMR 4 0 0"));
 }
 
 // On four modules, main channel on module 4, nothing selected: the result, the
