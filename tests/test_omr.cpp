@@ -143,17 +143,19 @@ TEST(PixelLoads, LoopsSendEveryCommandInModuleOrder)
 TEST(PixelLoads, DiscriminatorSequenceRestoresTheCounterAndGoesOnAfterAFailure)
 {
   FakeDetector det(kinlet);
-  det.module(1).set_handler([](const Request& r) {
-    return Reply::result(r.command() == "HS_ReadCounter_Command 0 0" ? "Counter High" : "1");
-  });
-  Commands expected = {"1:HS_ReadCounter_Command 0 0", "1:HS_ReadCounter_Command 1 1", "1:HS_Set_OMR 11 1",
-                       "1:HS_ReadCounter_Command 1 1", "1:HS_Set_OMR 11 0"};
-  EXPECT_EQ(config_discl(det.handle(), 261, 4096), -3);
-  EXPECT_EQ(det.all_commands(), expected);
-  det.clear();
-  EXPECT_EQ(config_discl(det.handle(), 261, 100), 0);
-  expected.insert(expected.begin() + 3, "1:PixelLoad 5 100"); // the chip number's low 8 bits
-  EXPECT_EQ(det.all_commands(), expected);
+  const auto run = [&](const char* counter, uint32_t value) {
+    det.clear();
+    det.module(1).set_handler(
+        [=](const Request& r) { return Reply::result(r.command() == "HS_ReadCounter_Command 0 0" ? counter : "1"); });
+    return config_discl(det.handle(), 261, value);
+  };
+  const std::string read = "1:HS_ReadCounter_Command 0 0", high = "1:HS_ReadCounter_Command 1 1",
+                    eq = "1:HS_Set_OMR 11 ";
+  EXPECT_EQ(run("Counter High", 4096), -3);
+  EXPECT_EQ(det.all_commands(), (Commands{read, high, eq + "1", high, eq + "0"}));
+  EXPECT_EQ(run("Counter Low", 100), 0); // the load takes the chip number's low 8 bits
+  EXPECT_EQ(det.all_commands(),
+            (Commands{read, high, eq + "1", "1:PixelLoad 5 100", "1:HS_ReadCounter_Command 1 0", eq + "0"}));
 }
 
 } // namespace
