@@ -54,23 +54,6 @@ TEST(Analog, EachOperationSendsItsTextAndCachesItsReply)
   }
 }
 
-TEST(Analog, RefusedValuesAndFailedCommandsLeaveTheCache)
-{
-  FakeDetector det(varkelTrio);
-  varkel_t* v = det.handle();
-  v->varkelParam.bias_voltage = 3.0f;
-  for (float bad : {100.5f, -0.1f, NAN, INFINITY})
-    EXPECT_EQ(US_SensorBias(v, bad), -3) << bad;
-  for (float bad : {1.01f, -0.01f, NAN})
-    EXPECT_EQ(US_ImgChip_ExtBgIn(v, bad), -3) << bad;
-  for (auto not_boards : {VARKEL_SEND_ONE_CHIP_ONE_MODULE, VARKEL_SEND_ALL_CHIPS_ALL_MODULES})
-    EXPECT_EQ(setSensorBias(v, 5.0f, not_boards), -3);
-  EXPECT_EQ(det.all_commands(), Commands{});
-  det.answer_all([](const Request&) { return Reply::reset(); });
-  EXPECT_EQ(US_SensorBias(v, 5.0f), -1);
-  EXPECT_EQ(v->varkelParam.bias_voltage, 3.0f);
-}
-
 // From the read-back (the cache when it is unreadable) one volt a step, ending
 // on the target; nothing more is tried after the first refused level.
 TEST(Analog, RampStepsOneVoltFromTheReadBackAndEndsOnTheTarget)
@@ -99,17 +82,32 @@ TEST(Analog, RampStepsOneVoltFromTheReadBackAndEndsOnTheTarget)
   }
 }
 
-TEST(Analog, BiasFanOutRampsBoardAfterBoardAndModuleAfterModule)
+// Refused values and targets send nothing; on all boards of all modules the ramps
+// go board after board, module after module; a failed set leaves the cache.
+TEST(Analog, RefusalsSendNothingAndTheFanOutRampsBoardAfterBoard)
 {
   FakeDetector det(varkelQuad);
+  varkel_t* v = det.handle();
+  for (float bad : {100.5f, -0.1f, NAN, INFINITY})
+    EXPECT_EQ(US_SensorBias(v, bad), -3) << bad;
+  for (float bad : {1.01f, -0.01f, NAN})
+    EXPECT_EQ(US_ImgChip_ExtBgIn(v, bad), -3) << bad;
+  for (auto not_boards : {VARKEL_SEND_ONE_CHIP_ONE_MODULE, VARKEL_SEND_ALL_CHIPS_ALL_MODULES})
+    EXPECT_EQ(setSensorBias(v, 5.0f, not_boards), -3);
+  EXPECT_EQ(det.all_commands(), Commands{});
+
   det.answer_all(bias_controller("0"));
-  EXPECT_EQ(setSensorBias(det.handle(), 1.5f, VARKEL_SEND_ALL_MFBS_ALL_MODULES), 0);
+  EXPECT_EQ(setSensorBias(v, 1.5f, VARKEL_SEND_ALL_MFBS_ALL_MODULES), 0);
   Commands ramps;
   for (const char* board : {"0", "1", "2"})
     ramps.insert(ramps.end(), {std::string("SelectMedipixBoard_Command 1 ") + board, kBiasRbv, level(1), level(1.5)});
   for (int m = 1; m <= 4; ++m)
     EXPECT_EQ(det.module(m).commands(), ramps) << m;
-  EXPECT_EQ(det.handle()->varkel_module, 4);
+  EXPECT_EQ(std::pair(+v->varkel_module, v->varkelParam.bias_voltage), std::pair(4, 1.5f));
+
+  det.answer_all([](const Request&) { return Reply::reset(); });
+  EXPECT_EQ(US_SensorBias(v, 5.0f), -1);
+  EXPECT_EQ(v->varkelParam.bias_voltage, 1.5f);
 }
 
 } // namespace
