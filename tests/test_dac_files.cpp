@@ -104,10 +104,8 @@ TEST(DacFiles, AFileThatFailsToLoadSendsNothing)
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(files.configure(det), -1) << file;
     const std::string err = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ(std::tuple(det.all_commands().size(), err.rfind("\033[31mERROR: \033[0m [dac_files.cpp:", 0),
-                         err.find("extract_default_dacs_from_file failed. \n\n") != std::string::npos,
-                         err.find("error reading file") != std::string::npos),
-              std::tuple(0u, 0u, true, file != "index.ini"))
+    EXPECT_EQ(std::pair(det.all_commands().size(), err.rfind("\033[31mERROR: \033[0m [dac_files.cpp:", 0)),
+              std::pair(0ul, 0ul))
         << file << " " << err;
   }
   // Values keep their low 16 bits.
