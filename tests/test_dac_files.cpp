@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <stdexcept>
 
 #include "fake_detector.hpp"
 #include "internal/dac_files.hpp"
@@ -30,7 +31,7 @@ struct Files {
   explicit Files(int modules = 4)
   {
     char name[] = "/tmp/varkel-dacs-XXXXXX";
-    dir = mkdtemp(name);
+    dir = mkdtemp(name) != nullptr ? name : throw std::runtime_error("no temporary directory");
     std::string index = "[paths]\n";
     for (int m = 1; m <= 4; ++m) {
       const std::string file = "module" + std::to_string(m) + ".ini";
