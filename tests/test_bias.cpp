@@ -1,13 +1,7 @@
 // Sensor bias ramps and the analogue set-points and monitors, against fake
 // controllers on loopback.
-#include <gtest/gtest.h>
-
 #include <cmath>
-#include <cstdio>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include "fake_detector.hpp"
 #include "varkel.h"
@@ -17,73 +11,83 @@ using Commands = std::vector<std::string>;
 
 namespace {
 
-std::string level(double v)
-{
-  char text[64];
-  std::snprintf(text, sizeof text, "HS_SensorBias_Command 1 1 %f", v);
-  return text;
-}
+std::string level(double v) { return "HS_SensorBias_Command 1 1 " + std::to_string(v); }
 const std::string kBiasRbv = "HS_SensorBias_Command 0 0 0.000000";
 
-// A controller holding one bias per board: a set answers with the level it took,
-// the read-back with the level held, or with `rbv` when one is given.
-FakeController::Handler bias_controller(float start, std::string rbv = {})
+// A controller whose bias reads back `rbv` and whose sets answer the level taken.
+FakeController::Handler bias_controller(const std::string& rbv)
 {
-  auto held = std::make_shared<std::vector<float>>(3, start);
-  auto board = std::make_shared<std::size_t>(0);
   return [=](const Request& r) {
-    if (r.method == "SelectMedipixBoard_Command")
-      *board = std::stoul(r.params.at(1)) % 3;
     if (r.method != "HS_SensorBias_Command")
       return Reply::result("OK");
-    char text[64];
-    if (r.params.at(0) == "0")
-      std::snprintf(text, sizeof text, "%f", double{(*held)[*board]});
-    else
-      std::snprintf(text, sizeof text, "High Voltage bias set to %fV",
-                    double{(*held)[*board] = std::stof(r.params.at(2))});
-    return Reply::result(rbv.empty() || r.params.at(0) == "1" ? text : rbv);
+    return Reply::result(r.params.at(0) == "0" ? rbv : "High Voltage bias set to " + r.params.at(2) + "V");
   };
 }
 
+// Each from a cache of -1: the command, and the cached reply (-1: left alone).
 TEST(Analog, EachOperationSendsItsTextAndCachesItsReply)
 {
-  const struct {
-    std::function<int(varkel_t*)> call;
-    const char* command;
-    const char* reply;
-    float varkel_params_t::*field; // nullptr: status only
-    float cached;                  // -1: left alone
-  } cases[] = {
-      {[](varkel_t* v) { return US_SensorBias(v, 100.0f); }, "HS_SensorBias_Command 1 1 100.000000",
-       "High Voltage bias set to 35.000000V", &varkel_params_t::bias_voltage, 35.0f},
-      {US_SensorBias_RBV, "HS_SensorBias_Command 0 0 0.000000", "12.5", &varkel_params_t::bias_voltage, 12.5f},
-      {[](varkel_t* v) { return US_ImgChip_ExtBgIn(v, 0.637f); }, "HS_ImgChip_ExtBgIn_Command 1 0.637000", "none",
-       &varkel_params_t::extBgIn, -1.0f},
-      {US_ImgChip_ExtBgIn_RBV, "HS_ImgChip_ExtBgIn_Command 0 0.000000", "0.5", &varkel_params_t::extBgIn, 0.5f},
-      {US_ImgChipDACOUTSense_RBV, "HS_ImgChipDACOUTSense_RBV", "0.812", &varkel_params_t::dacOutput, 0.812f},
+  using P = varkel_params_t;
+  using V = varkel_t*;
+  const std::tuple<int (*)(V), const char*, const char*, float P::*, float> cases[] = {
+      {[](V v) { return US_SensorBias(v, 100.0f); }, "HS_SensorBias_Command 1 1 100.000000",
+       "High Voltage bias set to 35.000000V", &P::bias_voltage, 35.0f},
+      {US_SensorBias_RBV, "HS_SensorBias_Command 0 0 0.000000", "12.5", &P::bias_voltage, 12.5f},
+      {[](V v) { return US_ImgChip_ExtBgIn(v, 0.637f); }, "HS_ImgChip_ExtBgIn_Command 1 0.637000", "none", &P::extBgIn,
+       -1.0f},
+      {US_ImgChip_ExtBgIn_RBV, "HS_ImgChip_ExtBgIn_Command 0 0.000000", "0.5", &P::extBgIn, 0.5f},
+      {US_ImgChipDACOUTSense_RBV, "HS_ImgChipDACOUTSense_RBV", "0.812", &P::dacOutput, 0.812f},
       {US_BandGapOutput_RBV, "HS_BandGapOutput_RBV", "0.7", nullptr, 0},
       {US_BandGapTemperature_RBV, "HS_BandGapTemperature_RBV", "0.7", nullptr, 0},
       {US_CascodeBias_RBV, "HS_DACCascodeBias_RBV", "0.7", nullptr, 0},
       {US_DACBias_RBV, "HS_DACBias_RBV", "0.7", nullptr, 0},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.command);
+  for (const auto& [call, command, reply, field, cached] : cases) {
+    SCOPED_TRACE(command);
     FakeDetector det(varkelQuad);
     varkel_t* v = det.handle();
     v->varkelParam.bias_voltage = v->varkelParam.extBgIn = v->varkelParam.dacOutput = -1.0f;
-    det.answer_all([&](const Request&) { return Reply::result(c.reply); });
-    EXPECT_EQ(c.call(v), 0);
-    EXPECT_EQ(det.all_commands(), Commands{std::string("4:") + c.command});
-    EXPECT_EQ(c.field ? v->varkelParam.*c.field : 0, c.cached);
+    det.answer_all([text = std::string(reply)](const Request&) { return Reply::result(text); });
+    EXPECT_EQ(call(v), 0);
+    EXPECT_EQ(det.all_commands(), Commands{std::string("4:") + command});
+    EXPECT_EQ(field ? v->varkelParam.*field : 0, cached);
   }
 }
 
-TEST(Analog, RefusedValuesAndFailedCommandsLeaveTheCache)
+// From the read-back (the cache when it is unreadable) one volt a step, ending
+// on the target; nothing more is tried after the first refused level.
+TEST(Analog, RampStepsOneVoltFromTheReadBackAndEndsOnTheTarget)
 {
-  FakeDetector det(varkelTrio);
+  // start, target, the levels sent, the result, the read-back's reply (empty: the start)
+  const std::tuple<float, float, std::vector<double>, int, std::string> cases[] = {
+      {10.5f, 13.2f, {11.5, 12.5, 13.2f}, 0, ""},
+      {13.2f, 10.5f, {12.2f, 11.2f, 10.5}, 0, ""},
+      {7.0f, 7.0f, {}, 0, ""},
+      {98.0f, 150.0f, {99, 100}, -3, ""},
+      {2.0f, -3.0f, {1, 0}, -3, ""},
+      {0.0f, 2.5f, {1, 2, 2.5}, 0, "x"},
+      {0.0f, 2.0f, {}, -3, "inf"},   // no ramp from a start that is not finite
+      {0.0f, 2.0f, {}, -3, "-1e30"}, // nor from one a volt no longer moves
+  };
+  for (const auto& [start, target, levels, rc, rbv] : cases) {
+    SCOPED_TRACE(::testing::Message() << start << " -> " << target << " " << rbv);
+    FakeDetector det(varkelTrio);
+    det.handle()->varkelParam.bias_voltage = start;
+    det.module(1).set_handler(bias_controller(rbv.empty() ? std::to_string(start) : rbv));
+    EXPECT_EQ(set_sensorBias(det.handle(), target), rc);
+    Commands expected{kBiasRbv};
+    for (double l : levels)
+      expected.push_back(level(l));
+    EXPECT_EQ(det.module(1).commands(), expected);
+  }
+}
+
+// Refused values and targets send nothing; on all boards of all modules the ramps
+// go board after board, module after module; a failed set leaves the cache.
+TEST(Analog, RefusalsSendNothingAndTheFanOutRampsBoardAfterBoard)
+{
+  FakeDetector det(varkelQuad);
   varkel_t* v = det.handle();
-  v->varkelParam.bias_voltage = 3.0f;
   for (float bad : {100.5f, -0.1f, NAN, INFINITY})
     EXPECT_EQ(US_SensorBias(v, bad), -3) << bad;
   for (float bad : {1.01f, -0.01f, NAN})
@@ -92,55 +96,17 @@ TEST(Analog, RefusedValuesAndFailedCommandsLeaveTheCache)
     EXPECT_EQ(setSensorBias(v, 5.0f, not_boards), -3);
   EXPECT_EQ(det.all_commands(), Commands{});
 
+  det.answer_all(bias_controller("0"));
+  EXPECT_EQ(setSensorBias(v, 1.5f, VARKEL_SEND_ALL_MFBS_ALL_MODULES), 0);
+  Commands ramps;
+  for (const char* board : {"0", "1", "2"})
+    ramps.insert(ramps.end(), {std::string("SelectMedipixBoard_Command 1 ") + board, kBiasRbv, level(1), level(1.5)});
+  for (int m = 1; m <= 4; ++m)
+    EXPECT_EQ(det.module(m).commands(), ramps) << m;
+  EXPECT_EQ(std::pair(+v->varkel_module, v->varkelParam.bias_voltage), std::pair(4, 1.5f));
+
   det.answer_all([](const Request&) { return Reply::reset(); });
   EXPECT_EQ(US_SensorBias(v, 5.0f), -1);
-  EXPECT_EQ(v->varkelParam.bias_voltage, 3.0f);
-}
-
-TEST(Analog, RampStepsOneVoltFromTheReadBackAndEndsOnTheTarget)
-{
-  const struct {
-    float start, target;
-    std::vector<double> levels;
-    int rc;
-    std::string rbv = {}; // a read-back reply other than the level held
-  } cases[] = {
-      {10.5f, 13.2f, {11.5, 12.5, 13.2f}, 0},
-      {13.2f, 10.5f, {12.2f, 11.2f, 10.5}, 0},
-      {7.0f, 7.0f, {}, 0},
-      {98.0f, 150.0f, {99, 100}, -3},    // 101 is refused, and so would be all after it
-      {2.0f, -3.0f, {1, 0}, -3},         // as is -1 going down
-      {0.0f, 2.5f, {1, 2, 2.5}, 0, "x"}, // an unreadable read-back ramps from the cache
-      {0.0f, 2.0f, {}, -3, "inf"},       // no ramp from a start that is not finite
-      {0.0f, 2.0f, {}, -3, "-1e30"},     // nor from one a volt no longer moves
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.start << " -> " << c.target << " " << c.rbv);
-    FakeDetector det(varkelTrio);
-    det.handle()->varkelParam.bias_voltage = c.start;
-    det.module(1).set_handler(bias_controller(c.start, c.rbv));
-    EXPECT_EQ(set_sensorBias(det.handle(), c.target), c.rc);
-    Commands expected{kBiasRbv};
-    for (double l : c.levels)
-      expected.push_back(level(l));
-    EXPECT_EQ(det.module(1).commands(), expected);
-  }
-}
-
-TEST(Analog, BiasFanOutRampsBoardAfterBoardAndModuleAfterModule)
-{
-  FakeDetector det(varkelQuad);
-  varkel_t* v = det.handle();
-  for (int m = 1; m <= 4; ++m)
-    det.module(m).set_handler(bias_controller(0.0f));
-  Commands board_ramps;
-  for (const char* board : {"0", "1", "2"})
-    board_ramps.insert(board_ramps.end(),
-                       {std::string("SelectMedipixBoard_Command 1 ") + board, kBiasRbv, level(1), level(1.5)});
-  EXPECT_EQ(setSensorBias(v, 1.5f, VARKEL_SEND_ALL_MFBS_ALL_MODULES), 0);
-  for (int m = 1; m <= 4; ++m)
-    EXPECT_EQ(det.module(m).commands(), board_ramps) << m;
-  EXPECT_EQ(v->varkel_module, 4);
   EXPECT_EQ(v->varkelParam.bias_voltage, 1.5f);
 }
 
