@@ -331,8 +331,6 @@ TEST_F(FrameBuffer, MissingOrUnusableSegmentsMapNothing)
        "Could not initialize shared memory.\n: No such file or directory\n"},
       {varkelQuad, "Shared memory file /dev/shm/varkel_Quad_array_data_sim is smaller than one frame",
        "Could not initialize shared memory.\n: Invalid argument\n"},
-      {kinlet, "Detector model 0 has no shared memory file for array data.\n",
-       "Could not initialize shared memory.\n: No such device\n"},
       {varkelLite, "Detector model 1 has no shared memory file for array data.\n",
        "Could not initialize shared memory.\n: No such device\n"},
   };

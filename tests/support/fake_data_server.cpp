@@ -19,40 +19,31 @@ bool answer(int fd, const RecordReply& reply, const std::function<void()>& betwe
   using Mode = loopback::Delivery::Mode;
   std::string bytes(reply.record.begin(), reply.record.end());
   loopback::Delivery d;
-  switch (reply.trigger) {
-  case Trigger::none:
-    break;
-  case Trigger::wrong_type:
+  const Trigger t = reply.trigger;
+  if (t == Trigger::wrong_type)
     bytes[0] = 4;
-    break;
-  case Trigger::oversized_record:
+  if (t == Trigger::oversized_record)
     bytes.append(400, '\xEE');
-    break;
-  case Trigger::split_record:
+  if (t == Trigger::split_record) {
     loopback::send_all(fd, bytes.data(), 200);
     if (between_parts)
       between_parts();
     return loopback::send_all(fd, bytes.data() + 200, bytes.size() - 200);
-  case Trigger::short_record:
+  }
+  if (t == Trigger::short_record) {
     bytes.pop_back();
     loopback::deliver(fd, bytes.data(), bytes.size(), d);
     return false;
-  case Trigger::split:
-    d = {Mode::split, {}, 100, std::chrono::milliseconds(100)};
-    break;
-  case Trigger::drip:
-    d.mode = Mode::bytewise;
-    break;
-  case Trigger::silence:
-    d.mode = Mode::silence;
-    break;
-  case Trigger::close:
-    d.mode = Mode::close;
-    break;
-  case Trigger::reset:
-    d.mode = Mode::reset;
-    break;
   }
+  if (t == Trigger::split)
+    d = {Mode::split, {}, 100, std::chrono::milliseconds(100)};
+  const std::pair<Trigger, Mode> modes[] = {{Trigger::drip, Mode::bytewise},
+                                            {Trigger::silence, Mode::silence},
+                                            {Trigger::close, Mode::close},
+                                            {Trigger::reset, Mode::reset}};
+  for (const auto& [trigger, mode] : modes)
+    if (t == trigger)
+      d.mode = mode;
   return loopback::deliver(fd, bytes.data(), bytes.size(), d);
 }
 
@@ -124,7 +115,7 @@ void FakeDataServer::serve(int fd)
   }
   acked_.notify_all();
   while (read_record(fd, record)) {
-    if (recording_) {
+    {
       std::lock_guard lock(mutex_);
       requests_.push_back(record);
     }

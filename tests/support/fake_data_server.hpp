@@ -21,14 +21,6 @@ namespace varkel::testing {
 
 using Record = std::array<uint8_t, 400>;
 
-template <typename T> Record to_record(const T& r)
-{
-  static_assert(sizeof(T) == 400);
-  Record out;
-  std::memcpy(out.data(), &r, out.size());
-  return out;
-}
-
 enum class Trigger {
   none,             // the record, whole
   short_record,     // its first 399 bytes, then close
@@ -46,7 +38,13 @@ struct RecordReply {
   Trigger trigger = Trigger::none;
   Record record{};
 
-  template <typename T> static RecordReply of(const T& r, Trigger t = Trigger::none) { return {t, to_record(r)}; }
+  template <typename T> static RecordReply of(const T& r, Trigger t = Trigger::none)
+  {
+    static_assert(sizeof(T) == 400);
+    RecordReply out{t};
+    std::memcpy(out.record.data(), &r, out.record.size());
+    return out;
+  }
   static RecordReply ack() { return of(simpleArgs{ACK, 0, {}}); }
   static RecordReply nak(uint8_t error) { return of(simpleArgs{NAK, error, {}}); }
 };
@@ -83,8 +81,6 @@ public:
   int overlaps() const { return overlaps_; }
   // What happens between the two parts of a split record (nothing by default).
   void set_between_parts(std::function<void()> step) { between_parts_ = std::move(step); }
-  // Off: requests are not kept (long benchmark runs).
-  void set_recording(bool on) { recording_ = on; }
   std::vector<Record> requests() const;
   // The handshake acknowledgements, once `n` have arrived (or after 5 s).
   std::vector<Record> acks(std::size_t n) const;
@@ -98,7 +94,6 @@ private:
   std::function<void()> between_parts_;
   std::atomic<Trigger> greeting_{Trigger::none}, spoiled_{Trigger::none};
   std::atomic<int> window_ms_{0}, overlaps_{0};
-  std::atomic<bool> recording_{true};
   std::vector<Record> requests_, acks_;
   loopback::LoopbackServer server_; // last: stopped before the members its sessions use
 };
