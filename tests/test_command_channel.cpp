@@ -41,8 +41,10 @@ protected:
   varkel_t* v = det.handle();
 };
 
+// A query leaves the receive time-out alone (the 600 s of the connection).
 TEST_F(Channel, RequestBytesGoOutOnTheChosenSocketOnly)
 {
+  ASSERT_EQ(set_timeout(v->fd[1], 300000000), 0);
   char result[1024];
   ASSERT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE2, result, CMD_TRANSPORT_ROCE, 12u, "4660"), 0);
   ASSERT_EQ(query_and_cache(v, result, CMD_CONFIGURE_ROCE), 0);
@@ -56,6 +58,7 @@ TEST_F(Channel, RequestBytesGoOutOnTheChosenSocketOnly)
   EXPECT_EQ(main[0].raw, kHead + R"([[]],"jsonrpc":"2.0","method":"ConfigureTransport"})");
   EXPECT_EQ(main[1].command(), "HS_SensorBias_Command 1 0 12.500000");
   EXPECT_EQ(det.module(1).request_count() + det.module(3).request_count(), 0u);
+  EXPECT_EQ(receive_timeout_us(v->fd[1]), 300000000);
 }
 
 TEST_F(Channel, PrintsEachRequestAndReplyWithItsChannel)
@@ -88,15 +91,6 @@ TEST_F(Channel, FailuresReturnTheirCodesAndLeaveTheResult)
   EXPECT_EQ(query_and_cache(fresh, result, "%s", "A"), ENOTCONN);
   varkel_delete(fresh);
   EXPECT_EQ(query_and_cache(v, static_cast<varkel_thread_t>(9), result, "%s", "A"), ENOTCONN);
-}
-
-// The 600 s set at the connection is read back in the connection tests.
-TEST_F(Channel, AQueryLeavesTheReceiveTimeoutAlone)
-{
-  ASSERT_EQ(set_timeout(v->fd[0], 300000000), 0);
-  char result[1024];
-  ASSERT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE1, result, "%s", "A"), 0);
-  EXPECT_EQ(receive_timeout_us(v->fd[0]), 300000000);
 }
 
 // The scan and status shapes run under every operation of the acquisition tests.
