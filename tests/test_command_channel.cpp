@@ -125,7 +125,11 @@ TEST_F(Channel, ParallelFanOutRunsOneWorkerPerModuleAndOrsResults)
 
 class Trace : public Channel {
 protected:
-  void SetUp() override { std::filesystem::current_path(dir); }
+  void SetUp() override
+  {
+    std::filesystem::create_directories(dir);
+    std::filesystem::current_path(dir);
+  }
   void TearDown() override
   {
     std::filesystem::current_path(old);
@@ -140,11 +144,7 @@ protected:
     return lines;
   }
   std::filesystem::path old = std::filesystem::current_path();
-  std::filesystem::path dir = [] {
-    auto d = std::filesystem::temp_directory_path() / ("varkel-trace-" + std::to_string(getpid()));
-    std::filesystem::create_directories(d);
-    return d;
-  }();
+  std::filesystem::path dir = std::filesystem::temp_directory_path() / ("varkel-trace-" + std::to_string(getpid()));
 };
 
 TEST_F(Trace, EveryRequestAndReplyIsTracedToLogTxt)
