@@ -41,8 +41,10 @@ protected:
   varkel_t* v = det.handle();
 };
 
+// A query leaves the receive time-out alone (the 600 s of the connection).
 TEST_F(Channel, RequestBytesGoOutOnTheChosenSocketOnly)
 {
+  ASSERT_EQ(set_timeout(v->fd[1], 300000000), 0);
   char result[1024];
   ASSERT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE2, result, CMD_TRANSPORT_ROCE, 12u, "4660"), 0);
   ASSERT_EQ(query_and_cache(v, result, CMD_CONFIGURE_ROCE), 0);
@@ -56,6 +58,7 @@ TEST_F(Channel, RequestBytesGoOutOnTheChosenSocketOnly)
   EXPECT_EQ(main[0].raw, kHead + R"([[]],"jsonrpc":"2.0","method":"ConfigureTransport"})");
   EXPECT_EQ(main[1].command(), "HS_SensorBias_Command 1 0 12.500000");
   EXPECT_EQ(det.module(1).request_count() + det.module(3).request_count(), 0u);
+  EXPECT_EQ(receive_timeout_us(v->fd[1]), 300000000);
 }
 
 TEST_F(Channel, PrintsEachRequestAndReplyWithItsChannel)
@@ -90,15 +93,6 @@ TEST_F(Channel, FailuresReturnTheirCodesAndLeaveTheResult)
   EXPECT_EQ(query_and_cache(v, static_cast<varkel_thread_t>(9), result, "%s", "A"), ENOTCONN);
 }
 
-// The 600 s set at the connection is read back in the connection tests.
-TEST_F(Channel, AQueryLeavesTheReceiveTimeoutAlone)
-{
-  ASSERT_EQ(set_timeout(v->fd[0], 300000000), 0);
-  char result[1024];
-  ASSERT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE1, result, "%s", "A"), 0);
-  EXPECT_EQ(receive_timeout_us(v->fd[0]), 300000000);
-}
-
 // The scan and status shapes run under every operation of the acquisition tests.
 TEST_F(Channel, ExpectShapeReturnsItsCodeOnAnotherText)
 {
@@ -131,7 +125,11 @@ TEST_F(Channel, ParallelFanOutRunsOneWorkerPerModuleAndOrsResults)
 
 class Trace : public Channel {
 protected:
-  void SetUp() override { std::filesystem::current_path(dir); }
+  void SetUp() override
+  {
+    std::filesystem::create_directories(dir);
+    std::filesystem::current_path(dir);
+  }
   void TearDown() override
   {
     std::filesystem::current_path(old);
@@ -146,11 +144,7 @@ protected:
     return lines;
   }
   std::filesystem::path old = std::filesystem::current_path();
-  std::filesystem::path dir = [] {
-    auto d = std::filesystem::temp_directory_path() / ("varkel-trace-" + std::to_string(getpid()));
-    std::filesystem::create_directories(d);
-    return d;
-  }();
+  std::filesystem::path dir = std::filesystem::temp_directory_path() / ("varkel-trace-" + std::to_string(getpid()));
 };
 
 TEST_F(Trace, EveryRequestAndReplyIsTracedToLogTxt)

@@ -75,15 +75,13 @@ TEST_F(SerialLine, OpensRawAt115200EightNoneOneAndWritesAsGiven)
 {
   termios tty{};
   ASSERT_EQ(tcgetattr(v->varkel_interface, &tty), 0);
-  EXPECT_EQ(cfgetispeed(&tty), static_cast<speed_t>(B115200));
-  EXPECT_EQ(cfgetospeed(&tty), static_cast<speed_t>(B115200));
+  EXPECT_EQ(std::pair(cfgetispeed(&tty), cfgetospeed(&tty)), std::pair(speed_t{B115200}, speed_t{B115200}));
   EXPECT_EQ(tty.c_cflag & (CSIZE | PARENB | CSTOPB | CRTSCTS | CREAD | CLOCAL),
             static_cast<tcflag_t>(CS8 | CREAD | CLOCAL));
-  EXPECT_EQ(tty.c_iflag & (IXON | IXOFF | IXANY), 0u);
-  EXPECT_EQ(tty.c_lflag & (ICANON | ECHO | ECHOE | ISIG), 0u);
-  EXPECT_EQ(tty.c_oflag & OPOST, 0u);
-  EXPECT_EQ(tty.c_cc[VMIN], 0);
-  EXPECT_EQ(tty.c_cc[VTIME], 5);
+  EXPECT_EQ((tty.c_iflag & (IXON | IXOFF | IXANY)) | (tty.c_lflag & (ICANON | ECHO | ECHOE | ISIG)) |
+                (tty.c_oflag & OPOST),
+            0u);
+  EXPECT_EQ(std::pair(tty.c_cc[VMIN], tty.c_cc[VTIME]), std::pair(cc_t{0}, cc_t{5}));
 
   const std::string message = "{\"method\":\"HS_Reset\"}\n";
   EXPECT_EQ(write_serialPort(v->varkel_interface, message.data(), message.size()), 0);

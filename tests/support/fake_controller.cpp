@@ -30,7 +30,6 @@ Reply Reply::split(std::string text, std::size_t at, std::chrono::microseconds t
   r.delivery.tail_delay = tail_delay;
   return r;
 }
-Reply Reply::silence() { return as_reply(verbatim({}), Mode::silence); }
 Reply Reply::close() { return as_reply(verbatim({}), Mode::close); }
 Reply Reply::reset() { return as_reply(verbatim({}), Mode::reset); }
 Reply Reply::oversize(std::size_t size)

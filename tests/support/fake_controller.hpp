@@ -36,7 +36,6 @@ struct Reply : sim::Answer {
   static Reply bytewise(std::string text);
   // The first `at` bytes, the rest `tail_delay` later.
   static Reply split(std::string text, std::size_t at, std::chrono::microseconds tail_delay);
-  static Reply silence();
   static Reply close();
   static Reply reset();
   // A valid reply whose result text pads it to `size` bytes.

@@ -1,7 +1,9 @@
 // The handle, models, error texts, predicates and chip placement.
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <set>
 #include <string>
 
 #include "decode.h"
@@ -9,54 +11,41 @@
 
 namespace {
 
-struct ModelCase {
-  varkel_detector_model_t model;
-  int modules, boards, chips, all_chips, tsensors;
-  uint32_t frame_size;
-  const char* message;
-};
-// Printed by its message: gtest would otherwise print the raw bytes, padding included.
-void PrintTo(const ModelCase& c, std::ostream* os) { *os << c.message; }
-
-class HandleModels : public ::testing::TestWithParam<ModelCase> {};
-
-TEST_P(HandleModels, GeometryFrameAndMessage)
+TEST(Handle, GeometryFrameAndMessageOfEveryModel)
 {
-  const ModelCase& c = GetParam();
-  ::testing::internal::CaptureStdout();
-  varkel_t* v = varkel_new(c.model);
-  const std::string out = ::testing::internal::GetCapturedStdout();
-  ASSERT_NE(v, nullptr);
-  EXPECT_EQ(out, "detModel: " + std::to_string(c.model) + "\n" + c.message + "\n");
-  EXPECT_EQ(v->max_num_modules, c.modules);
-  EXPECT_EQ(v->max_num_boards, c.boards);
-  EXPECT_EQ(v->max_num_chips, c.chips);
-  EXPECT_EQ(v->num_all_chips, c.all_chips);
-  EXPECT_EQ(v->num_mfb_tsensors, c.tsensors);
-  EXPECT_EQ(v->frame_size, c.frame_size);
-  EXPECT_EQ(v->detModel, c.model);
-  // A fresh handle: unconnected, no trace, nothing cached.
-  EXPECT_EQ(v->varkel_interface, -1);
-  EXPECT_EQ(v->backend_socket, -1);
-  EXPECT_EQ(v->fd[0] | v->fd[1] | v->fd[2] | v->fd[3], 0);
-  EXPECT_EQ(v->debug_out, nullptr);
-  EXPECT_EQ(v->simulate, 0);
-  EXPECT_EQ(v->acquireParam.acquireStatus, IDLE);
-  if (c.frame_size > 0) {
-    ASSERT_NE(v->sample_frame, nullptr);
-    v->sample_frame[c.frame_size - 1] = 7; // the whole frame is ours to write
+  const struct {
+    varkel_detector_model_t model;
+    int modules, boards, chips, all_chips, tsensors;
+    uint32_t frame_size;
+    const char* message;
+  } cases[] = {{kinlet, 1, 1, 1, 1, 16, 65536, "Detector Selected: Kinlet"},
+               {varkelLite, 1, 1, 12, 12, 16, 786432, "Detector Selected: VarkelLite"},
+               {varkelTrio, 1, 3, 12, 36, 48, 2359296, "Detector Selected: VarkelTrio"},
+               {varkelQuad, 4, 3, 12, 36, 48, 9437184, "Detector Selected: VarkelQuad"},
+               {static_cast<varkel_detector_model_t>(7), 0, 0, 0, 0, 0, 0, "No detector selected"},
+               {static_cast<varkel_detector_model_t>(-1), 0, 0, 0, 0, 0, 0, "No detector selected"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.model);
+    ::testing::internal::CaptureStdout();
+    varkel_t* v = varkel_new(c.model);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "detModel: " + std::to_string(c.model) + "\n" + c.message + "\n");
+    ASSERT_NE(v, nullptr);
+    EXPECT_EQ((std::array<int, 5>{v->max_num_modules, v->max_num_boards, v->max_num_chips, v->num_all_chips,
+                                  v->num_mfb_tsensors}),
+              (std::array{c.modules, c.boards, c.chips, c.all_chips, c.tsensors}));
+    EXPECT_EQ(v->frame_size, c.frame_size);
+    // A fresh handle: unconnected, no trace, nothing cached.
+    EXPECT_EQ(v->varkel_interface & v->backend_socket, -1);
+    EXPECT_EQ(v->fd[0] | v->fd[1] | v->fd[2] | v->fd[3] | v->simulate | v->acquireParam.acquireStatus, 0);
+    EXPECT_EQ(v->debug_out, nullptr);
+    if (c.frame_size > 0) {
+      ASSERT_NE(v->sample_frame, nullptr);
+      v->sample_frame[c.frame_size - 1] = 7; // the whole frame is ours to write
+    }
+    varkel_delete(v);
   }
-  varkel_delete(v);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    AllModels, HandleModels,
-    ::testing::Values(ModelCase{kinlet, 1, 1, 1, 1, 16, 65536, "Detector Selected: Kinlet"},
-                      ModelCase{varkelLite, 1, 1, 12, 12, 16, 786432, "Detector Selected: VarkelLite"},
-                      ModelCase{varkelTrio, 1, 3, 12, 36, 48, 2359296, "Detector Selected: VarkelTrio"},
-                      ModelCase{varkelQuad, 4, 3, 12, 36, 48, 9437184, "Detector Selected: VarkelQuad"},
-                      ModelCase{static_cast<varkel_detector_model_t>(7), 0, 0, 0, 0, 0, 0, "No detector selected"},
-                      ModelCase{static_cast<varkel_detector_model_t>(-1), 0, 0, 0, 0, 0, 0, "No detector selected"}));
 
 TEST(HandleDeathTest, DeleteOfNullAsserts) { EXPECT_DEATH(varkel_delete(nullptr), "varkel != NULL"); }
 
@@ -74,24 +63,18 @@ TEST(ErrorString, EveryCode)
                             "Requested bit rate is above 200 Mbps",
                             "Total number of images is above 16.383",
                             "Invalid omr field",
-                            "Omr Parameter out of range",
-                            "Invalid error number"};
-  for (int i = 0; i <= 13; ++i)
+                            "Omr Parameter out of range"};
+  for (int i = 0; i <= 12; ++i)
     EXPECT_STREQ(varkel_error_string(-i), expected[i]) << -i;
-  EXPECT_STREQ(varkel_error_string(-14), "Invalid error number");
-  EXPECT_STREQ(varkel_error_string(-200), "Invalid error number");
-  EXPECT_STREQ(varkel_error_string(INT32_MIN), "Invalid error number");
-  EXPECT_STREQ(varkel_error_string(75), strerror(75));
+  for (int code : {-13, -14, INT32_MIN})
+    EXPECT_STREQ(varkel_error_string(code), "Invalid error number") << code;
   EXPECT_STREQ(varkel_error_string(ENOTCONN), strerror(ENOTCONN));
 }
 
 TEST(DecodeSensorNumber, BoardsInDescendingOrder)
 {
-  EXPECT_EQ(decode_sensor_number(0, 2), 1u);
-  EXPECT_EQ(decode_sensor_number(11, 2), 12u);
-  EXPECT_EQ(decode_sensor_number(0, 1), 13u);
-  EXPECT_EQ(decode_sensor_number(0, 0), 25u);
-  EXPECT_EQ(decode_sensor_number(11, 0), 36u);
+  for (auto [chip, board, number] : {std::array{0, 2, 1}, {11, 2, 12}, {0, 1, 13}, {0, 0, 25}, {11, 0, 36}})
+    EXPECT_EQ(decode_sensor_number(chip, board), unsigned(number)) << chip << "/" << board;
 }
 
 TEST(DecoderQuad, TellingRows)
@@ -111,15 +94,14 @@ TEST(DecoderQuad, TellingRows)
     EXPECT_EQ(s.chipId, r.chip) << r.index;
   }
   // Every chip of every module appears exactly once.
-  int seen[4][3][12] = {};
+  std::set<std::array<int, 3>> seen;
   for (const sensor& s : decoderQuad) {
     EXPECT_EQ(s.sensorPos, 0);
-    ++seen[s.module][s.mfb][s.chipId];
+    seen.insert({s.module, s.mfb, s.chipId});
   }
-  for (auto& m : seen)
-    for (auto& b : m)
-      for (int n : b)
-        EXPECT_EQ(n, 1);
+  EXPECT_EQ(seen.size(), 144u);
+  EXPECT_EQ(*seen.begin(), (std::array{0, 0, 0}));
+  EXPECT_EQ(*seen.rbegin(), (std::array{3, 2, 11}));
 }
 
 TEST(Predicates, IntegerRanges)
@@ -131,10 +113,10 @@ TEST(Predicates, IntegerRanges)
   };
   const Range ranges[] = {
       {"bool", validate_bool, 0, 1},
-      {"u5", validate_u5_int, 0, 31},
-      {"u8", validate_u8_int, 0, 255},
-      {"u9", validate_u9_int, 0, 511},
-      {"u12", validate_u12_int, 0, 4095},
+      {"u5_int", validate_u5_int, 0, 31},
+      {"u8_int", validate_u8_int, 0, 255},
+      {"u9_int", validate_u9_int, 0, 511},
+      {"u12_int", validate_u12_int, 0, 4095},
       {"operation_mode", validate_operation_mode, 0, 7},
       {"crw_srw", validate_crw_srw, 0, 1},
       {"polarity", validate_polarity, 0, 1},
@@ -145,7 +127,7 @@ TEST(Predicates, IntegerRanges)
       {"pixel_mode", validate_pixel_mode, 0, 1},
       {"dac_scan", validate_dac_scan, 1, 69},
       {"dac", validate_dac, 1, 31},
-      {"chip_module", validate_number_chip_module, 1, 36},
+      {"number_chip_module", validate_number_chip_module, 1, 36},
       {"chip_with_zero", validate_chip_with_zero, 0, 36},
       {"read_counter", validate_read_counter, 0, 1},
       {"image_mode", validate_image_mode, 0, 3},

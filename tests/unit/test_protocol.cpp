@@ -1,6 +1,7 @@
 // Request building, result extraction and reply framing, without a socket.
 #include <gtest/gtest.h>
 #include <string>
+#include <utility>
 
 #include "internal/protocol.hpp"
 #include "varkel.h"
@@ -54,11 +55,7 @@ TEST(RequestBuilding, RefusedWhenItWouldNotFitTheBuffer)
 
 TEST(ResultExtraction, MemberTextForms)
 {
-  struct Case {
-    const char* reply;
-    const char* text;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {R"({"jsonrpc":"2.0","result":"AcquireTime set with 0.500000 seconds","id":"x"})",
        "AcquireTime set with 0.500000 seconds"},
       {R"({"jsonrpc":"2.0","error":{"code":-32601,"message":"x"},"id":"x"})", R"({ "code": -32601, "message": "x" })"},
@@ -72,8 +69,8 @@ TEST(ResultExtraction, MemberTextForms)
       {"", ""},
       {"[1,2,3]", ""},
   };
-  for (const Case& c : cases)
-    EXPECT_EQ(result_of(c.reply), c.text) << c.reply;
+  for (const auto& [reply, text] : cases)
+    EXPECT_EQ(result_of(reply), text) << reply;
   // Its code: 0 with a member, -2 for JSON without one and for what is not JSON.
   char out[kReplySize];
   EXPECT_EQ(parse_json(nullptr, R"({"result":3})", out), 0);

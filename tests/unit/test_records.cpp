@@ -33,10 +33,9 @@ TEST(Records, ErrorAndStatusTexts)
 
 TEST(Records, ReadoutModeMapsToAcquisitionMode)
 {
-  const uint8_t expected[] = {B12, B12, B24, DUALENERGY, B12};
-  for (uint8_t mode = 0; mode < 5; ++mode)
-    EXPECT_EQ(decode_backend_medipixMode(mode), expected[mode]) << int(mode);
-  EXPECT_EQ(decode_backend_medipixMode(255), B12);
+  for (auto [mode, expected] :
+       {std::pair<uint8_t, int>{0, B12}, {1, B12}, {2, B24}, {3, DUALENERGY}, {4, B12}, {255, B12}})
+    EXPECT_EQ(decode_backend_medipixMode(mode), expected) << int(mode);
 }
 
 TEST(Records, FrameSegmentByModelAndSimulate)
