@@ -188,6 +188,22 @@ TEST(Controls, EveryReadBackLandsInTheHandle)
   EXPECT_TRUE(US_SoftawareTrigger(v, 0) == 0 && !p.software_trigger);
 }
 
+// OMR fields written by both commands come back in the controller's pair list.
+TEST(Controls, ChipConfigurationReadsBackWhatWasWritten)
+{
+  Detector d(options(varkelTrio));
+  ASSERT_TRUE(d.connect());
+  varkel_t* v = d.v;
+  ASSERT_EQ(set_omr(v, OMR_Gain_Mode, VARKEL_GAIN_MODE_HIGH, VARKEL_SEND_ALL_CHIPS_ALL_MODULES) |
+                set_omr(v, OMR_CountL, VARKEL_COUNTERDEPTH_24BITS, VARKEL_SEND_ALL_CHIPS_ONE_MODULE) |
+                select_chipNumber(v, 30) | US_Polarity(v, VARKEL_POLARITY_HOLES) | US_Equalization(v, true) |
+                US_Load_Equalization(v, 7, 0) | get_omr(v),
+            0);
+  const int32_t* f = v->omr_values;
+  EXPECT_EQ(std::tuple(f[OMR_Gain_Mode], f[OMR_CountL], f[OMR_Polarity], f[OMR_Equalization]), std::tuple(2, 3, 1, 1));
+  EXPECT_EQ(std::tuple(v->omr.polarity, v->omr.equalization), std::tuple(VARKEL_POLARITY_HOLES, true));
+}
+
 // A controller answers what it cannot do with a JSON-RPC error, handed over as the result text.
 TEST(Controls, RefusedCommandsComeBackAsJsonRpcErrors)
 {
@@ -198,6 +214,10 @@ TEST(Controls, RefusedCommandsComeBackAsJsonRpcErrors)
       {"SelectMedipixBoard_Command 1 2", "No Medipix board 2"}, // one board on this model
       {"HS_AcquireTime_Command 2 0", "\"code\": -32602"},
       {"HS_NumExposures_Command 1 0", "at least 1"},
+      {"HS_ImgChipOMR 1 21 0", "No OMR field 21"},
+      {"HS_Set_OMR 6 4", "cannot hold 4"},
+      {"HS_LoadEqualization CFG256 25", "\"code\": -32602"},
+      {"sendImage 1 0", "No chip 1"}, // chip 1 is on board 2
   };
   for (const auto& [command, expected] : cases) {
     char reply[1024];

@@ -3,6 +3,7 @@
 // main channel.
 #include <cassert>
 #include <cstdio>
+#include <iterator>
 #include <type_traits>
 
 #include "internal/omr_parse.hpp"

@@ -41,7 +41,8 @@ int US_Load_Equalization(varkel_t* varkel, uint8_t cfg_number, uint8_t sensor)
 int pixel_load(varkel_t* varkel, uint8_t sensor, uint32_t value)
 {
   assert(varkel != NULL);
-  if (value > 4095 || !validate_u12_int(static_cast<int>(value)))
+  // Values beyond INT_MAX wrap to negative ints, which the check refuses too.
+  if (!validate_u12_int(static_cast<int>(value)))
     return -3;
   printf("\nPIXEL LOAD -> Sensor: %d\n", sensor);
   return query_status(varkel, kMain, CMD_PIXEL_LOAD, static_cast<unsigned>(sensor), value);
@@ -66,7 +67,9 @@ int US_ConfigDiscL(varkel_t* varkel, uint32_t value, varkel_send_to_all_t send_t
   assert(varkel != NULL);
   const int chip = varkel->sensor_pos.sensorPos;
   const auto selected = [&](int c) {
-    select_chipNumber(varkel, c); // refused selections still configure: by design
+    // A refused selection is not counted: the chip still gets its sequence, on
+    // whatever the controller has selected.
+    select_chipNumber(varkel, c);
     return config_discl(varkel, c, value);
   };
   const auto all_chips = [&](int) { return for_each_chip(varkel->num_all_chips, selected); };
