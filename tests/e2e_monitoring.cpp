@@ -1,0 +1,80 @@
+// Presence check, re-initialisation, readout mode, DAC scans and temperatures
+// against the simulator with one chip missing.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "simulator.hpp"
+#include "varkel.h"
+
+namespace {
+
+namespace sim = varkel::sim;
+
+TEST(Monitoring, PresenceModesScansAndTemperaturesOnTheSimulator)
+{
+  sim::Options o;
+  o.publish_frame = false;
+  o.missing = {{3, 17}};
+  sim::Simulator s(o);
+  varkel_t* v = varkel_new(varkelQuad);
+  const std::vector<const char*> hosts(4, "127.0.0.1");
+  std::vector<uint16_t> ports;
+  for (int m = 1; m <= 4; ++m)
+    ports.push_back(s.module_port(m));
+  ASSERT_EQ(varkel_connect_backend(v, "127.0.0.1", s.data_port()), 0);
+  ASSERT_EQ(varkel_connect(v, hosts.data(), ports.data()), 0);
+
+  EXPECT_EQ(check_and_disable_sensors(v), 0);
+  for (int m = 0; m < 4; ++m)
+    for (int c = 0; c < 36; ++c)
+      EXPECT_EQ(v->sensor_disabled[m][c], m == 2 && c == 16) << m << ":" << c;
+
+  // A reset drops the links; the re-initialisation brings them back and loads the files.
+  const auto here = std::filesystem::current_path();
+  std::filesystem::current_path(VARKEL_SOURCE_DIR);
+  EXPECT_EQ(varkel_reset_and_init(v, "examples/dacs/index.ini"), 0);
+  std::filesystem::current_path(here);
+  for (int m = 1; m <= 4; ++m)
+    EXPECT_TRUE(s.module(m).link_up) << m;
+
+  EXPECT_EQ(set_medipix_mode(v, VARKEL_MEDIPIX_MODE_24BITS), 0);
+  EXPECT_EQ(v->acq_args.aquisitionMode, B24);
+
+  // Each chip's scan lands near the aim, not every chip on the same code.
+  ASSERT_EQ(select_module(v, 1), 0);
+  std::set<int> codes;
+  for (int c = 1; c <= 6; ++c) {
+    ASSERT_EQ(select_chipNumber(v, c), 0);
+    ASSERT_EQ(US_DAC_Scan(v, DAC_GND, 0, 255, 4, VARKEL_SEND_ONE_CHIP_ONE_MODULE), 0);
+    ASSERT_EQ(get_dac(v, DIGITAL_READ_SINGLE_DAC, DAC_GND), 0);
+    ASSERT_EQ(get_dac(v, ANALOG_READ_SINGLE_DAC, DAC_GND), 0);
+    EXPECT_NEAR(v->analog_dac_values[c - 1][DAC_GND - 1], 0.65, 0.01) << c;
+    codes.insert(v->digital_dac_values[c - 1][DAC_GND - 1]);
+  }
+  EXPECT_GT(codes.size(), 1u);
+
+  // Temperatures: plausible, warmer chips than boards, a spread between modules.
+  EXPECT_EQ(US_GetTemperature(v), 0);
+  EXPECT_EQ(US_GetMFBTemperature(v), 0);
+  for (int m = 0; m < 4; ++m) {
+    EXPECT_GT(v->varkelParam.avg_chip_temperature[m], 35.0f);
+    EXPECT_LT(v->varkelParam.avg_chip_temperature[m], 50.0f);
+    for (float t : v->varkelParam.mfb_temperature[m]) {
+      EXPECT_GT(t, 20.0f);
+      EXPECT_LT(t, v->varkelParam.avg_chip_temperature[m]);
+    }
+  }
+  EXPECT_LT(v->varkelParam.avg_chip_temperature[0], v->varkelParam.avg_chip_temperature[3]);
+  EXPECT_EQ(getChip_Temperature(v, 3), 0);
+  // The missing chip answers no temperature: its entry repeats the chip before it.
+  EXPECT_EQ(v->varkelParam.allchip_temperature[2][16], v->varkelParam.allchip_temperature[2][15]);
+  EXPECT_NE(v->varkelParam.allchip_temperature[2][17], v->varkelParam.allchip_temperature[2][16]);
+  varkel_delete(v);
+}
+
+} // namespace
