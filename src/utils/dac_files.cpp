@@ -5,7 +5,6 @@
 #include <cstring>
 #include <glib.h>
 #include <memory>
-#include <source_location>
 #include <string>
 
 #include "internal/dac_files.hpp"
@@ -24,10 +23,10 @@ struct GFree {
 using KeyFile = std::unique_ptr<GKeyFile, KeyFileFree>;
 using GText = std::unique_ptr<gchar, GFree>;
 
-// Takes GLib's error (and releases it); the step's line is the caller's.
-KeyFileFailure failure(GError* error, std::source_location at = std::source_location::current())
+// Takes GLib's error (and releases it) and the source line of the failed step.
+KeyFileFailure failure(GError* error, unsigned line)
 {
-  KeyFileFailure f{error != nullptr ? error->message : "unknown error", static_cast<unsigned>(at.line())};
+  KeyFileFailure f{error != nullptr ? error->message : "unknown error", line};
   if (error != nullptr)
     g_error_free(error);
   return f;
@@ -56,7 +55,7 @@ std::optional<KeyFileFailure> extract_module(GKeyFile* file, dac_data& out)
       GError* error = nullptr;
       const guint64 value = g_key_file_get_uint64(file, group.c_str(), key, &error);
       if (error != nullptr)
-        return failure(error);
+        return failure(error, __LINE__);
       (out.*values)[n - 1] = static_cast<uint16_t>(value);
     }
   }
@@ -70,7 +69,7 @@ std::optional<KeyFileFailure> parse_module_dacs(std::string_view text, dac_data&
   KeyFile file(g_key_file_new());
   GError* error = nullptr;
   if (!g_key_file_load_from_data(file.get(), text.data(), text.size(), G_KEY_FILE_NONE, &error))
-    return failure(error);
+    return failure(error, __LINE__);
   return extract_module(file.get(), out);
 }
 
@@ -84,7 +83,7 @@ int read_dacs_from_file(const char* file, dac_data* dfdata)
   KeyFile keys(g_key_file_new());
   GError* error = nullptr;
   if (!g_key_file_load_from_file(keys.get(), file, G_KEY_FILE_NONE, &error))
-    return report(failure(error));
+    return report(failure(error, __LINE__));
   const auto failed = extract_module(keys.get(), *dfdata);
   return failed ? report(*failed) : 0;
 }
@@ -96,14 +95,14 @@ int read_default_dacs(const char* filename, dac_data* dfdata)
   KeyFile index(g_key_file_new());
   GError* error = nullptr;
   if (!g_key_file_load_from_file(index.get(), filename, G_KEY_FILE_NONE, &error))
-    return report(failure(error));
+    return report(failure(error, __LINE__));
   // Every module's file is named and read, whatever the model.
   GText paths[4];
   for (int m = 0; m < 4; ++m) {
     const std::string key = "MODULE " + std::to_string(m + 1);
     paths[m].reset(g_key_file_get_string(index.get(), "paths", key.c_str(), &error));
     if (!paths[m])
-      return report(failure(error));
+      return report(failure(error, __LINE__));
   }
   index.reset();
   for (int m = 0; m < 4; ++m) {

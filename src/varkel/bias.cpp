@@ -93,8 +93,10 @@ int setSensorBias(varkel_t* varkel, float voltage, varkel_send_to_all_t send_to)
   printf("\n\nSENT TO VALUE: %d\n\n", send_to);
   const auto all_boards = [&](int) {
     int rc = 0;
-    for (int b = 0; b < varkel->max_num_boards; ++b)
-      rc |= US_Select_MFB(varkel, b, VARKEL_THREAD_MAIN) | set_sensorBias(varkel, voltage);
+    for (int b = 0; b < varkel->max_num_boards; ++b) {
+      rc |= US_Select_MFB(varkel, b, VARKEL_THREAD_MAIN);
+      rc |= set_sensorBias(varkel, voltage);
+    }
     return rc;
   };
   switch (send_to) {
