@@ -489,7 +489,7 @@ public:
     const double averages = ms(Clock::now() - t0);
     rc |= US_GetMFBTemperature(v_);
     const double boards = ms(Clock::now() - t0) - averages;
-    table_ = format("    %-8s %17s %17s %8s\n", "module", "boards min/max", "chips min/max", "average");
+    table_ = format("    %-7s %-16s %-16s %s\n", "module", "boards min/max", "chips min/max", "average");
     const varkel_params_t& p = v_->varkelParam;
     for (int m = 1; m <= v_->max_num_modules; ++m) {
       rc |= getChip_Temperature(v_, m);
@@ -501,7 +501,7 @@ public:
           cmin = std::min(cmin, p.allchip_temperature[m - 1][c]);
           cmax = std::max(cmax, p.allchip_temperature[m - 1][c]);
         }
-      table_ += format("    %-8d %8.2f/%-8.2f %8.2f/%-8.2f %8.2f\n", m, double{*bmin}, double{*bmax}, double{cmin},
+      table_ += format("    %-7d %6.2f / %-7.2f %6.2f / %-7.2f %6.2f\n", m, double{*bmin}, double{*bmax}, double{cmin},
                        double{cmax}, double{p.avg_chip_temperature[m - 1]});
     }
     return from_code(rc, format("averages of %d module(s) side by side in %.1f ms, 48 board sensors each in %.1f ms",
