@@ -29,17 +29,22 @@ void read_temperatures(benchmark::State& state, int (*read)(varkel_t*), varkel_d
   }
 }
 
-BENCHMARK_CAPTURE(read_temperatures, averages_four_modules, US_GetTemperature, varkelQuad)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
-BENCHMARK_CAPTURE(read_temperatures, averages_one_module, US_GetTemperature, varkelLite)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
-BENCHMARK_CAPTURE(read_temperatures, board_sensors_four_modules, US_GetMFBTemperature, varkelQuad)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
-BENCHMARK_CAPTURE(read_temperatures, board_sensors_one_module, US_GetMFBTemperature, varkelLite)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
+const bool registered = [] {
+  const struct {
+    const char* name;
+    int (*read)(varkel_t*);
+    varkel_detector_model_t model;
+  } runs[] = {
+      {"temperatures/averages_four_modules", US_GetTemperature, varkelQuad},
+      {"temperatures/averages_one_module", US_GetTemperature, varkelLite},
+      {"temperatures/board_sensors_four_modules", US_GetMFBTemperature, varkelQuad},
+      {"temperatures/board_sensors_one_module", US_GetMFBTemperature, varkelLite},
+  };
+  for (const auto& r : runs)
+    benchmark::RegisterBenchmark(r.name, read_temperatures, r.read, r.model)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
+  return true;
+}();
 
 } // namespace

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "simulator.hpp"
+#include "simulated_detector.hpp"
 #include "varkel.h"
 
 namespace {
@@ -20,14 +20,10 @@ TEST(Monitoring, PresenceModesScansAndTemperaturesOnTheSimulator)
   sim::Options o;
   o.publish_frame = false;
   o.missing = {{3, 17}};
-  sim::Simulator s(o);
-  varkel_t* v = varkel_new(varkelQuad);
-  const std::vector<const char*> hosts(4, "127.0.0.1");
-  std::vector<uint16_t> ports;
-  for (int m = 1; m <= 4; ++m)
-    ports.push_back(s.module_port(m));
-  ASSERT_EQ(varkel_connect_backend(v, "127.0.0.1", s.data_port()), 0);
-  ASSERT_EQ(varkel_connect(v, hosts.data(), ports.data()), 0);
+  varkel::testing::SimulatedDetector d(o);
+  ASSERT_EQ(d.connected, 0);
+  varkel_t* v = d.v;
+  sim::Simulator& s = d.sim;
 
   EXPECT_EQ(check_and_disable_sensors(v), 0);
   for (int m = 0; m < 4; ++m)
@@ -74,7 +70,6 @@ TEST(Monitoring, PresenceModesScansAndTemperaturesOnTheSimulator)
   // The missing chip answers no temperature: its entry repeats the chip before it.
   EXPECT_EQ(v->varkelParam.allchip_temperature[2][16], v->varkelParam.allchip_temperature[2][15]);
   EXPECT_NE(v->varkelParam.allchip_temperature[2][17], v->varkelParam.allchip_temperature[2][16]);
-  varkel_delete(v);
 }
 
 } // namespace
