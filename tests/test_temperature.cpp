@@ -2,6 +2,7 @@
 // once, one thread per module, against fake controllers on loopback.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -30,26 +31,21 @@ constexpr bool kSanitized = true;
 constexpr bool kSanitized = false;
 #endif
 
-// A controller whose thermometers read <module><board><sensor or chip index>.25
-// (board sensors of the selected board, the selected chip, the average as
-// <module>0.5), except the requests `junk` names, which answer a word.
+// Thermometers reading <module><board><sensor or chip index>.25 and the average
+// <module>0.5; the request `junk` answers a word.
 FakeController::Handler thermometers(int module, std::string junk = "")
 {
-  auto selected = std::make_shared<std::pair<int, int>>(0, 0);
+  auto at = std::make_shared<std::pair<int, int>>(0, 0); // board, chip index
   return [=](const Request& r) {
-    const std::string cmd = r.command();
-    if (r.method == "SelectMedipixBoard_Command")
-      selected->first = std::stoi(r.params.at(1));
-    if (r.method == "HS_ImgChipNumberID_Command")
-      selected->second = std::stoi(r.params.at(1));
+    if (r.method == "SelectMedipixBoard_Command" || r.method == "HS_ImgChipNumberID_Command")
+      (r.method[0] == 'S' ? at->first : at->second) = std::stoi(r.params.at(1));
     char text[32] = "OK";
-    if (r.method == "HS_Temperature")
-      std::snprintf(text, sizeof text, "%d%d%02d.25", module, selected->first, std::stoi(r.params.at(0)));
-    else if (r.method == "HS_TemperatureSensor_RBV")
-      std::snprintf(text, sizeof text, "%d%d%02d.25", module, selected->first, selected->second);
-    else if (r.method == "HS_AvgTemperature")
+    const int n = r.method == "HS_Temperature" ? std::stoi(r.params.at(0)) : at->second;
+    if (r.method == "HS_AvgTemperature")
       std::snprintf(text, sizeof text, "%d0.5", module);
-    return Reply::result(cmd == junk ? "busy" : text);
+    else if (r.method.find("Temperature") != std::string::npos)
+      std::snprintf(text, sizeof text, "%d%d%02d.25", module, at->first, n);
+    return Reply::result(r.command() == junk ? "busy" : text);
   };
 }
 
@@ -65,36 +61,32 @@ TEST(Temperature, TableReadersWalkBoardsOrChipsOnTheMainChannel)
   EXPECT_EQ(v->varkel_module, 2);
   const Commands sent = det.module(2).commands();
   ASSERT_EQ(sent.size(), 3u * 17);
-  EXPECT_EQ(sent[17], "SelectMedipixBoard_Command 1 1");
-  EXPECT_EQ(sent[18], "HS_Temperature 1");
-  for (int i = 0; i < 48; ++i) {
-    // A reading that does not parse repeats the one before it.
-    const int sensor = i % 16 + 1 == 5 ? 4 : i % 16 + 1;
-    char line[32];
-    std::snprintf(line, sizeof line, "\n%d : %d%d%02d.25\n", i, 2, i / 16, sensor);
-    EXPECT_FLOAT_EQ(v->varkelParam.mfb_temperature[1][i], std::stof(line + std::string(line).find(':') + 2)) << i;
-    EXPECT_NE(out.find(line), std::string::npos) << line;
-  }
+  EXPECT_EQ(Commands(sent.begin() + 17, sent.begin() + 19),
+            (Commands{"SelectMedipixBoard_Command 1 1", "HS_Temperature 1"}));
+  // A reading that does not parse repeats the one before it.
+  for (int i = 0; i < 48; ++i)
+    EXPECT_FLOAT_EQ(v->varkelParam.mfb_temperature[1][i], 2000 + i / 16 * 100 + (i % 16 == 4 ? 4 : i % 16 + 1) + 0.25f);
+  EXPECT_NE(out.find("\n0 : 2001.25\n"), std::string::npos);
+  EXPECT_NE(out.find("\n47 : 2216.25\n"), std::string::npos);
 
-  // Chip numbers 1..12 of a one-board module: chip indices 0..11.
+  // Chip numbers 1..12 of a one-board module (the board selections are refused, unsent).
   FakeDetector lite(varkelLite);
   lite.module(1).set_handler(thermometers(1));
   EXPECT_EQ(getChip_Temperature(lite.handle(), 1), 0);
-  // Its one board is board 0: the selections of board 2 are refused, unsent.
   EXPECT_EQ(lite.module(1).commands().size(), 12u * 2);
   for (int c = 1; c <= 36; ++c)
-    EXPECT_FLOAT_EQ(lite.handle()->varkelParam.allchip_temperature[0][c - 1], c <= 12 ? 1000.25f + c - 1 : 0) << c;
+    EXPECT_FLOAT_EQ(lite.handle()->varkelParam.allchip_temperature[0][c - 1], c <= 12 ? 999.25f + c : 0) << c;
 
-  // No row for the module: nothing read, nothing changed. No module selected: no
-  // row for the average either.
+  // No row for the module, or no module selected: nothing read or stored.
   det.clear();
   EXPECT_EQ(getMFB_Temperature(v, 0), -7);
   EXPECT_EQ(getChip_Temperature(v, 5), -7);
   v->varkel_module = 0;
   EXPECT_EQ(US_TemperatureChipAvg(v), 0);
   EXPECT_EQ(det.all_commands(), Commands{"2:HS_AvgTemperature"});
-  for (float t : v->varkelParam.avg_chip_temperature)
-    EXPECT_EQ(t, 0.0f);
+  EXPECT_EQ(
+      std::count(std::begin(v->varkelParam.avg_chip_temperature), std::end(v->varkelParam.avg_chip_temperature), 0.0f),
+      4);
 }
 
 TEST(Temperature, EveryModuleIsReadOnItsOwnChannelIntoItsOwnRow)
@@ -105,14 +97,12 @@ TEST(Temperature, EveryModuleIsReadOnItsOwnChannelIntoItsOwnRow)
     det.module(m).set_handler(thermometers(m, "HS_Temperature 16"));
   det.module(4).set_handler([](const Request&) { return Reply::result("busy"); });
   ASSERT_EQ(select_chipNumber(v, 7), 0);
-  const sensor selected = v->sensor_pos;
   for (auto& row : v->varkelParam.mfb_temperature)
     std::fill(std::begin(row), std::end(row), -1.0f);
   v->varkelParam.avg_chip_temperature[3] = 9;
   det.clear();
 
-  EXPECT_EQ(US_GetTemperature(v), 0);
-  EXPECT_EQ(US_GetMFBTemperature(v), 0);
+  EXPECT_EQ(US_GetTemperature(v) | US_GetMFBTemperature(v), 0);
   const float averages[] = {10.5f, 20.5f, 30.5f, 9};
   for (int m = 1; m <= 4; ++m) {
     EXPECT_FLOAT_EQ(v->varkelParam.avg_chip_temperature[m - 1], averages[m - 1]) << m;
@@ -120,24 +110,14 @@ TEST(Temperature, EveryModuleIsReadOnItsOwnChannelIntoItsOwnRow)
     ASSERT_EQ(sent.size(), 1u + 3 * 17) << m;
     EXPECT_EQ(sent[0], "HS_AvgTemperature");
     EXPECT_EQ(sent[1 + 2 * 17], "SelectMedipixBoard_Command 1 2");
-    for (int i = 0; i < 48; ++i) {
-      // A failed or junk read leaves its entry alone.
-      const float want = m == 4 || i % 16 == 15 ? -1.0f : m * 1000 + i / 16 * 100 + i % 16 + 1.25f;
-      EXPECT_FLOAT_EQ(v->varkelParam.mfb_temperature[m - 1][i], want) << m << ":" << i;
-    }
+    // A junk reading leaves its entry alone.
+    for (int i = 0; i < 48; ++i)
+      EXPECT_FLOAT_EQ(v->varkelParam.mfb_temperature[m - 1][i],
+                      m == 4 || i % 16 == 15 ? -1.0f : m * 1000 + i / 16 * 100 + i % 16 + 1.25f);
   }
-  // The main channel and the caller's selection are left as they were.
-  EXPECT_EQ(v->varkel_module, 4);
+  // The workers leave the main channel and the caller's selection alone.
   EXPECT_EQ(v->varkel_interface, v->fd[3]);
-  EXPECT_EQ(v->sensor_pos.sensorPos, selected.sensorPos);
-  EXPECT_EQ(v->sensor_pos.mfb, selected.mfb);
-
-  // One module: one thread, one row.
-  FakeDetector lite(varkelLite);
-  lite.module(1).set_handler(thermometers(3));
-  EXPECT_EQ(US_GetTemperature(lite.handle()), 0);
-  EXPECT_FLOAT_EQ(lite.handle()->varkelParam.avg_chip_temperature[0], 30.5f);
-  EXPECT_EQ(lite.handle()->varkelParam.avg_chip_temperature[1], 0.0f);
+  EXPECT_EQ(v->sensor_pos.sensorPos, 7);
 }
 
 TEST(Temperature, FourModulesTakeAboutTheTimeOfOne)
@@ -157,39 +137,37 @@ TEST(TemperatureDeathTest, AModuleWhoseThreadCannotStartIsNamedAndTheOthersAreJo
 {
   if (kSanitized)
     GTEST_SKIP() << "the sanitizers' runtimes reserve address space of their own";
-  // Forked: the child's module thread is answered by the fakes' threads of this process.
+  // Forked: the child's module threads are answered by the fakes' threads here.
   GTEST_FLAG_SET(death_test_style, "fast");
   FakeDetector det(varkelQuad);
   for (int m = 1; m <= 4; ++m)
     det.module(m).set_handler(thermometers(m));
-  // In the child: no room for new thread stacks; threads that wait on a pipe take
-  // every stack left over, then one of them ends and frees exactly one.
+  // In the child no new thread stack fits; threads waiting on a pipe take every
+  // stack left over, then one of them ends and frees exactly one.
   const auto run = [&] {
     unsigned long pages = 0;
     FILE* statm = std::fopen("/proc/self/statm", "r");
-    if (statm == nullptr || std::fscanf(statm, "%lu", &pages) != 1)
-      std::_Exit(3);
-    std::fclose(statm);
     int wake[2];
-    std::vector<pthread_t> waiting;
-    waiting.reserve(1000);
-    if (pipe(wake) != 0)
+    if (statm == nullptr || std::fscanf(statm, "%lu", &pages) != 1 || pipe(wake) != 0)
       std::_Exit(3);
+    std::vector<pthread_t> waiting(1000);
+    const rlim_t room = pages * 4096 + (1 << 20);
     const struct rlimit limit {
-      pages * 4096 + (1 << 20), pages * 4096 + (1 << 20)
+      room, room
     };
     setrlimit(RLIMIT_AS, &limit);
     const auto wait = +[](void* fd) -> void* {
       char byte;
       return read(*static_cast<int*>(fd), &byte, 1) == 1 ? nullptr : fd;
     };
-    for (pthread_t t; waiting.size() < 1000 && pthread_create(&t, nullptr, wait, &wake[0]) == 0;)
-      waiting.push_back(t);
+    std::size_t n = 0;
+    while (n < waiting.size() && pthread_create(&waiting[n], nullptr, wait, &wake[0]) == 0)
+      ++n;
     if (write(wake[1], "x", 1) != 1)
       std::_Exit(3);
     for (bool joined = false; !joined;)
-      for (pthread_t t : waiting)
-        joined = joined || pthread_tryjoin_np(t, nullptr) == 0;
+      for (std::size_t i = 0; i < n; ++i)
+        joined = joined || pthread_tryjoin_np(waiting[i], nullptr) == 0;
     const int rc = US_GetTemperature(det.handle());
     const float* avg = det.handle()->varkelParam.avg_chip_temperature;
     std::fprintf(stderr, "rc=%d avg=%.1f,%.1f,%.1f,%.1f\n", rc, avg[0], avg[1], avg[2], avg[3]);
