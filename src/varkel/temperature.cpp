@@ -23,6 +23,7 @@ constexpr bool module_channel(varkel_thread_t owner)
   return owner >= VARKEL_THREAD_MODULE1 && owner < VARKEL_THREAD_MAIN;
 }
 
+// The selected chip's sensor into chip_temperature; kept inside the library.
 int US_TemperatureChip(varkel_t* varkel)
 {
   return read_into<float>(varkel, "%f", varkel->varkelParam.chip_temperature, CMD_TEMPERATURE_CHIP);
