@@ -54,6 +54,12 @@ TEST(Monitoring, PresenceModesScansAndTemperaturesOnTheSimulator)
   }
   EXPECT_GT(codes.size(), 1u);
 
+  // One value on every chip of every module, one thread per module.
+  EXPECT_EQ(write_dac_all_modules(v, DAC_Preamp, 77), 0);
+  ASSERT_EQ(get_dac(v, DIGITAL_READ_ALL_SENSORS, DAC_Preamp), 0);
+  for (int c = 0; c < 36; ++c)
+    EXPECT_EQ(v->digital_dac_values[c][DAC_Preamp - 1], 77) << c;
+
   // Temperatures: plausible, warmer chips than boards, a spread between modules.
   EXPECT_EQ(US_GetTemperature(v), 0);
   EXPECT_EQ(US_GetMFBTemperature(v), 0);
