@@ -41,8 +41,8 @@ TEST(Presence, EmptyPositionsAreSwitchedOffAndRecordedByTheirModule)
 {
   FakeDetector det(varkelQuad);
   varkel_t* v = det.handle();
-  det.answer_all(efuses(-1, -1));
-  det.module(2).set_handler(efuses(0, 11));
+  for (int m = 1; m <= 4; ++m) // one peer state per module: their workers run side by side
+    det.module(m).set_handler(m == 2 ? efuses(0, 11) : efuses(-1, -1));
   ::testing::internal::CaptureStdout();
   EXPECT_EQ(check_and_disable_sensors(v), 0);
   const std::string out = ::testing::internal::GetCapturedStdout();
