@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <set>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "simulated_detector.hpp"
@@ -31,10 +32,14 @@ TEST(Monitoring, PresenceModesScansAndTemperaturesOnTheSimulator)
       EXPECT_EQ(v->sensor_disabled[m][c], m == 2 && c == 16) << m << ":" << c;
 
   // A reset drops the links; the re-initialisation brings them back and loads the files.
-  const auto here = std::filesystem::current_path();
-  std::filesystem::current_path(VARKEL_SOURCE_DIR);
-  EXPECT_EQ(varkel_reset_and_init(v, "examples/dacs/index.ini"), 0);
-  std::filesystem::current_path(here);
+  const auto reset_and_init = [&] {
+    const auto here = std::filesystem::current_path();
+    std::filesystem::current_path(VARKEL_SOURCE_DIR);
+    const int rc = varkel_reset_and_init(v, "examples/dacs/index.ini");
+    std::filesystem::current_path(here);
+    return rc;
+  };
+  EXPECT_EQ(reset_and_init(), 0);
   for (int m = 1; m <= 4; ++m)
     EXPECT_TRUE(s.module(m).link_up) << m;
 
@@ -74,6 +79,13 @@ TEST(Monitoring, PresenceModesScansAndTemperaturesOnTheSimulator)
   // The missing chip answers no temperature: its entry repeats the chip before it.
   EXPECT_EQ(v->varkelParam.allchip_temperature[2][16], v->varkelParam.allchip_temperature[2][15]);
   EXPECT_NE(v->varkelParam.allchip_temperature[2][17], v->varkelParam.allchip_temperature[2][16]);
+
+  // Module 1 unreachable: the later steps still run, the files still reach module 2.
+  ::close(v->fd[0]);
+  v->fd[0] = 0;
+  const uint64_t before = s.commands(2);
+  EXPECT_EQ(reset_and_init(), ENOTCONN);
+  EXPECT_EQ(s.commands(2) - before, 1 + 14 + 36 * 6u);
 }
 
 } // namespace
