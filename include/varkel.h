@@ -1159,3 +1159,112 @@ VARKEL_API int set_OptimizedDiscL(varkel_t* varkel);
 // "HS_DACBias_RBV" on the main channel; the value shows only in the trace. Returns
 // the query code.
 VARKEL_API int US_DACBias_RBV(varkel_t* varkel);
+
+// ---------------------------------------------------------------------------
+// Chip presence check and re-initialisation
+// ---------------------------------------------------------------------------
+
+// Reads every chip position's efuse register (every board, always chip indices
+// 0..11), one worker per module on its own channel, and switches off the
+// positions that read 0: registers 0x90 and 0x94 of the chip written "0" and "1",
+// sensor_disabled[module index][chip number - 1] set, a line naming module, chip
+// index and board printed. Each step runs whatever the earlier ones returned.
+// Returns the OR of every step's code over all modules.
+VARKEL_API int check_and_disable_sensors(varkel_t* varkel);
+
+// Resets every module and sends its transport parameters again (one worker per
+// module), prepares the data server, then loads the DAC file `file` into every
+// module. Every step runs. Returns the OR of all codes.
+VARKEL_API int varkel_reset_and_init(varkel_t* varkel, const char* file);
+
+// ---------------------------------------------------------------------------
+// Readout modes
+// ---------------------------------------------------------------------------
+
+// Puts every module in turn into `medipix_mode` (main channel, left on the last
+// module) and records the data server's acquisition mode in acq_args.aquisitionMode
+// (B12, B24 for 24 bits, DUALENERGY). Default and CRW set the image mode (0, 1);
+// 24 bits sets image mode 2, thresholds 0 and 1 to 30 and 100 and the
+// discriminator and gain OMR fields (1, 2) on all chips; dual energy sends nothing.
+// A failed command does not stop the sequence. Returns the OR of the command
+// codes; -3 with nothing sent or changed for a mode outside 0..3.
+VARKEL_API int set_medipix_mode(varkel_t* varkel, varkel_medipix_mode_t medipix_mode);
+
+// ---------------------------------------------------------------------------
+// DAC scan
+// ---------------------------------------------------------------------------
+// The controller steps a DAC over a range and measures its voltage; the code whose
+// voltage lies nearest the DAC's aim (DAC_GND 0.65 V, DAC_FBK 0.9 V, DAC_CAS
+// 0.85 V) is written to the chip. No other DAC has an aim: a scan of one is
+// refused with -5 before anything is printed or sent.
+
+// Argument of one module worker of write_dac_all_modules.
+struct varkel_dac_write_context {
+  dac_scan_t* scan_rq; // shared read-only by all workers
+  varkel_t* varkel;
+  varkel_thread_t owner; // the module's channel
+};
+
+// Prints the number of points, (final - initial) / step, and scans the chips
+// `send_to` names: the selected chip (0), every chip of the current module (1),
+// the selected chip number on every module (2), every chip of every module (3),
+// each selected first on the main channel (selection codes not counted). Any
+// other target scans nothing and returns 0. Returns -5 with nothing sent for a
+// DAC without an aim, a step of 0, or a point count outside 1..69; else the OR of
+// the scans' codes.
+VARKEL_API int US_DAC_Scan(varkel_t* varkel, varkel_dac_t dac, int initial, int final, int step,
+                           varkel_send_to_all_t send_to);
+// Scans the selected chip ("HS_DacScan <dac> <initial> <step> <final>"), prints
+// the voltage and code chosen (0 and 0 when no point lies strictly between 0 V and
+// twice the aim, or the scan failed) and writes that code to the chip in every
+// case. Returns the OR of the scan's and the write's codes; -5 with nothing sent
+// for a DAC without an aim.
+VARKEL_API int dac_scan(varkel_t* varkel, varkel_dac_t dac, int initial, int final, int step);
+// Writes `value` to DAC `dac` of every chip of every module ("HS_Set_DAC_Variable",
+// unchecked), one POSIX thread per module on its own channel; prints a finish
+// line per joined thread. Failed commands are not reported: returns 0, or
+// non-zero when a module's thread could not be started (that module is named on
+// standard error).
+VARKEL_API int write_dac_all_modules(varkel_t* varkel, varkel_dac_t dac, int value);
+// Worker of write_dac_all_modules; `data` is one varkel_dac_write_context. Returns
+// NULL.
+VARKEL_API void* dac_write_thread(void* data);
+
+// ---------------------------------------------------------------------------
+// Temperatures
+// ---------------------------------------------------------------------------
+// Readings are kept in varkelParam in the controller's unit. Single reads use the
+// main channel (the module, board and chip selected last) and store only when the
+// command succeeds and the reply begins with a number; they return the query code.
+
+// Argument of one module worker of US_GetTemperature and US_GetMFBTemperature.
+struct varkel_temperature_context {
+  varkel_t* varkel;
+  varkel_thread_t owner; // the module's channel and the row written
+};
+
+// Board sensor `sensorMFB` (1..16, sent unchecked) into mfb_sensor_temp.
+VARKEL_API int US_TemperatureMFB_RBV(varkel_t* varkel, uint8_t sensorMFB);
+// Average chip temperature of the selected module into
+// avg_chip_temperature[varkel_module - 1] (none stored before a module is selected).
+VARKEL_API int US_TemperatureChipAvg(varkel_t* varkel);
+// Selects module `module` (1..4; its code not looked at), then reads the 16 sensors
+// of boards 0, 1 and 2 into mfb_temperature[module - 1], printing one line per
+// entry. A failed read repeats the previous reading. Returns the last read's code;
+// -7 with nothing read for a module outside 1..4.
+VARKEL_API int getMFB_Temperature(varkel_t* varkel, int module);
+// As getMFB_Temperature for the chip temperatures of chip numbers
+// 1..num_all_chips into allchip_temperature[module - 1].
+VARKEL_API int getChip_Temperature(varkel_t* varkel, int module);
+// Average chip temperature of every module at once, one POSIX thread per module on
+// its own channel, into avg_chip_temperature; a module whose read fails keeps its
+// reading. Returns 0, or non-zero when a module's thread could not be started
+// (that module is named on standard error); returns after every started thread.
+VARKEL_API int US_GetTemperature(varkel_t* varkel);
+// As US_GetTemperature for the 48 board sensors of every module into
+// mfb_temperature; a failed read leaves its entry alone.
+VARKEL_API int US_GetMFBTemperature(varkel_t* varkel);
+// Workers of the two calls above; `data` is one varkel_temperature_context.
+// Return NULL.
+VARKEL_API void* get_temperature_thread(void* data);
+VARKEL_API void* get_mfbtemperature_thread(void* data);

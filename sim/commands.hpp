@@ -57,5 +57,7 @@ inline Chip& selected_chip(Ctx& c) { return c.mod.chips[c.mod.board][c.mod.chip]
 // The DAC, bias and analogue-monitor commands (dac_commands.cpp): the handler
 // of `method`, or nullptr when it is not one of them.
 Handler dac_command(std::string_view method);
+// The temperature commands (temperature_commands.cpp), likewise.
+Handler temperature_command(std::string_view method);
 
 } // namespace varkel::sim

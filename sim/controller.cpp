@@ -448,7 +448,9 @@ const std::unordered_map<std::string_view, Handler> kCommands = {
 Answer run_command(World& world, int m, const Call& call)
 {
   const auto it = kCommands.find(call.method);
-  const Handler handler = it != kCommands.end() ? it->second : dac_command(call.method);
+  Handler handler = it != kCommands.end() ? it->second : dac_command(call.method);
+  if (handler == nullptr)
+    handler = temperature_command(call.method);
   if (handler == nullptr)
     return Answer::error(kMethodNotFound, "Method not found: " + call.method);
   std::lock_guard lock(world.mutex);

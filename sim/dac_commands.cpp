@@ -19,13 +19,17 @@ constexpr std::size_t kBiasLevelsKept = 256;
 // Thresholds 0 and 1 and the two test-pulse references have 9 bits, the rest 8.
 uint32_t dac_max(uint32_t dac) { return dac == 1 || dac == 2 || dac == 24 || dac == 25 ? 511 : 255; }
 
-// The voltage a DAC's output reads: a line over its full scale, with a small
-// offset of its own on each chip.
-double dac_volts(const Chip& chip, uint32_t dac)
+// The voltage DAC `dac` of a chip gives at `code`: a line over its full scale,
+// shifted by up to 18 mV either way on each chip, so that scans of two chips
+// choose different codes.
+double dac_curve(const Chip& chip, uint32_t dac, uint32_t code)
 {
-  const double offset = 0.002 * static_cast<double>((chip.efuse + dac) % 7);
-  return 0.05 + 1.15 * chip.dacs[dac] / dac_max(dac) + offset;
+  const double offset = 0.006 * static_cast<double>((chip.efuse + dac) % 7) - 0.018;
+  return 0.05 + 1.15 * code / dac_max(dac) + offset;
 }
+
+// The voltage a DAC's output reads at its current code.
+double dac_volts(const Chip& chip, uint32_t dac) { return dac_curve(chip, dac, chip.dacs[dac]); }
 
 // A parameter as a decimal number of volts.
 bool volts(const std::string& text, double& out)
@@ -105,6 +109,44 @@ Answer img_chip_dac(Ctx& c, Params p)
   }
 }
 
+// "HS_DacScan <dac> <initial> <step> <final>" on the selected chip: the voltage at
+// every code from the initial one towards the final one (signed, as 32-bit
+// values), at most 70 points; codes outside the DAC's range are skipped.
+Answer dac_scan(Ctx& c, Params p)
+{
+  uint32_t dac = 0, first = 0, step = 0, last = 0;
+  if (p.size() != 4 || !number(p[0], dac) || !number(p[1], first) || !number(p[2], step) || !number(p[3], last))
+    return invalid("expected a DAC, a first code, a step and a last code");
+  if (dac < 1 || dac > kDacs)
+    return Answer::error(kServerError, format("No DAC %u", dac));
+  const Chip& chip = selected_chip(c);
+  if (chip.efuse == 0)
+    return no_selected_chip();
+  const int64_t from = static_cast<int32_t>(first), by = static_cast<int32_t>(step), to = static_cast<int32_t>(last);
+  if (by == 0 || (to - from) / by < 0 || (to - from) / by >= 70)
+    return Answer::error(kServerError, "A scan takes 1 to 70 points");
+  std::string points;
+  for (int64_t code = from; by > 0 ? code <= to : code >= to; code += by)
+    if (code >= 0 && code <= dac_max(dac))
+      points += format("%lld : %.4f,", static_cast<long long>(code), dac_curve(chip, dac, static_cast<uint32_t>(code)));
+  return Answer::result(points);
+}
+
+// "HS_Set_DAC_Variable <dac> <value>" on the selected chip.
+Answer set_dac_variable(Ctx& c, Params p)
+{
+  uint32_t dac = 0, value = 0;
+  if (p.size() != 2 || !number(p[0], dac) || !number(p[1], value))
+    return invalid("expected a DAC and a value");
+  if (dac < 1 || dac > kDacs || value > dac_max(dac))
+    return Answer::error(kServerError, format("DAC %u cannot hold %u", dac, value));
+  Chip& chip = selected_chip(c);
+  if (chip.efuse == 0)
+    return no_selected_chip();
+  chip.dacs[dac] = value;
+  return Answer::result(format("DAC %u set to %u", dac, value));
+}
+
 // "HS_SensorBias_Command 1 1 <volts>" sets the selected board's bias (0 to 100 V),
 // "HS_SensorBias_Command 0 0 <x>" reads it.
 Answer sensor_bias(Ctx& c, Params p)
@@ -167,6 +209,8 @@ double band_gap_output(const Chip& chip)
 
 const std::unordered_map<std::string_view, Handler> kDacCommands = {
     {"HS_ImgChipDAC", img_chip_dac},
+    {"HS_DacScan", dac_scan},
+    {"HS_Set_DAC_Variable", set_dac_variable},
     {"HS_SensorBias_Command", sensor_bias},
     {"HS_ImgChip_ExtBgIn_Command", ext_bg_in},
     {"HS_ImgChipDACOUTSense_RBV", monitor<sense_output>},

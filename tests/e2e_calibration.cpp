@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "simulator.hpp"
+#include "simulated_detector.hpp"
 #include "utils.h"
 #include "varkel.h"
 
@@ -19,14 +19,10 @@ TEST(Calibration, FilesDacsBiasAndBandGapOnTheSimulator)
 {
   sim::Options o;
   o.publish_frame = false;
-  sim::Simulator s(o);
-  varkel_t* v = varkel_new(varkelQuad);
-  const std::vector<const char*> hosts(4, "127.0.0.1");
-  std::vector<uint16_t> ports;
-  for (int m = 1; m <= 4; ++m)
-    ports.push_back(s.module_port(m));
-  ASSERT_EQ(varkel_connect_backend(v, "127.0.0.1", s.data_port()), 0);
-  ASSERT_EQ(varkel_connect(v, hosts.data(), ports.data()), 0);
+  varkel::testing::SimulatedDetector d(o);
+  ASSERT_EQ(d.connected, 0);
+  varkel_t* v = d.v;
+  sim::Simulator& s = d.sim;
 
   // The example files, named from the repository's root.
   const auto here = std::filesystem::current_path();
@@ -64,7 +60,6 @@ TEST(Calibration, FilesDacsBiasAndBandGapOnTheSimulator)
   EXPECT_FLOAT_EQ(v->varkelParam.extBgIn, 0.637f);
   ASSERT_EQ(query_and_cache(v, reply, CMD_BANDGAP_OUT), 0);
   EXPECT_STREQ(reply, "0.637000");
-  varkel_delete(v);
 }
 
 } // namespace

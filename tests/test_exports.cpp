@@ -81,4 +81,18 @@ TEST(Exports, ExactlyTheDeclaredApi)
   EXPECT_EQ(unexported_declarations(), std::set<std::string>{});
 }
 
+// The families declared last: a name dropped from the header would leave the test
+// above satisfied.
+TEST(Exports, PresenceModesScansAndTemperaturesAreExported)
+{
+  const auto exported = exported_names();
+  for (const char* name : {"check_and_disable_sensors", "varkel_reset_and_init", "set_medipix_mode", "US_DAC_Scan",
+                           "dac_scan", "write_dac_all_modules", "dac_write_thread", "US_TemperatureMFB_RBV",
+                           "US_TemperatureChipAvg", "getMFB_Temperature", "getChip_Temperature", "US_GetTemperature",
+                           "US_GetMFBTemperature", "get_temperature_thread", "get_mfbtemperature_thread"})
+    EXPECT_TRUE(exported.count(name)) << name;
+  for (const char* internal : {"check_efuseRegister", "check_and_disable_sensor", "US_TemperatureChip"})
+    EXPECT_FALSE(exported.count(internal)) << internal;
+}
+
 } // namespace

@@ -332,7 +332,7 @@ public:
     varkel_t* scratch = varkel_new(varkelTrio);
     scratch->init_args = v_->init_args;
     int rc = varkel_init(scratch, 0, module1.host.c_str(), module1.port);
-    mark_missing(scratch);
+    std::copy(std::begin(v_->sensor_disabled[0]), std::end(v_->sensor_disabled[0]), scratch->sensor_disabled[0]);
     const auto t0 = Clock::now();
     rc |= configure_module_dacs_with_file(scratch, s_.dacs.c_str());
     one_module_dacs_ms_ = ms(Clock::now() - t0);
@@ -342,15 +342,14 @@ public:
 
   Outcome load_dacs()
   {
-    mark_missing(v_);
     const auto t0 = Clock::now();
     const int rc = configure_module_dacs_with_file(v_, s_.dacs.c_str());
     const double took = ms(Clock::now() - t0);
     std::string ratio;
     if (one_module_dacs_ms_ > 0)
       ratio = format(": %.2f x one module's time", took / one_module_dacs_ms_);
-    return from_code(rc,
-                     format("%s, %d module(s) side by side%s", s_.dacs.c_str(), v_->max_num_modules, ratio.c_str()));
+    return from_code(rc, format("%s, %d module(s) side by side%s; %s skipped", s_.dacs.c_str(), v_->max_num_modules,
+                                ratio.c_str(), switched_off_.empty() ? "no chip" : switched_off_.c_str()));
   }
 
   // The external band-gap input on chip 6 of module 1 and chip 31 of module 2, the
@@ -384,13 +383,28 @@ public:
                                 double{v_->varkelParam.bias_voltage}, levels.c_str()));
   }
 
-  // Chips the detector lacks receive no DAC writes.
-  void mark_missing(varkel_t* h) const
+  // ---- presence check ----
+
+  // Positions where no chip answers are switched off and recorded; the positions
+  // of boards and chips the model lacks are among them.
+  Outcome presence_check()
   {
-    for (int m = 1; m <= h->max_num_modules; ++m)
+    const int rc = check_and_disable_sensors(v_);
+    std::string off;
+    for (int m = 1; m <= v_->max_num_modules; ++m)
       for (int c = 1; c <= 36; ++c)
-        h->sensor_disabled[m - 1][c - 1] = !mounted(m, c);
+        if (on_model(c) && v_->sensor_disabled[m - 1][c - 1])
+          off += format("%smodule %d board %d chip %d (chip number %d)", off.empty() ? "" : ", ", m, 2 - (c - 1) / 12,
+                        (c - 1) % 12, c);
+    switched_off_ = off;
+    return from_code(rc, format("%d module(s), %s switched off", v_->max_num_modules,
+                                off.empty() ? "every chip answers, none" : off.c_str()));
   }
+
+  // Whether chip number c is on a board and position the model has.
+  bool on_model(int c) const { return 2 - (c - 1) / 12 < v_->max_num_boards && (c - 1) % 12 < v_->max_num_chips; }
+  // Whether chip number c of module m is there and answers.
+  bool present(int m, int c) const { return on_model(c) && !v_->sensor_disabled[m - 1][c - 1]; }
 
   // ---- chip configuration ----
 
@@ -420,7 +434,7 @@ public:
       rc |= select_module(v_, m);
       int first = 0;
       for (int c = 1; c <= 36; ++c) {
-        if (!mounted(m, c))
+        if (!present(m, c))
           continue;
         first = first ? first : c;
         rc |= US_Load_Equalization(v_, kEqualizationSet, static_cast<uint8_t>(c));
@@ -444,16 +458,57 @@ public:
     return {same, format("CFG%u on %d chip(s); %s read back:%s", kEqualizationSet, loads, names.c_str(), read.c_str())};
   }
 
-  // Whether chip number c of module m is mounted: on a board and position the
-  // model has, and not given as missing.
-  bool mounted(int m, int c) const
+  Outcome readout_mode()
   {
-    const varkel::sim::Geometry g = varkel::sim::geometry_of(s_.model);
-    const varkel::sim::ChipPosition at = varkel::sim::chip_position(c);
-    return at.board < g.boards && at.chip < g.chips &&
-           std::none_of(s_.missing.begin(), s_.missing.end(),
-                        [&](const auto& x) { return x.module == m && x.chip_number == c; });
+    const int rc = set_medipix_mode(v_, VARKEL_MEDIPIX_MODE_DEFAULT);
+    return from_code(rc, format("default: image mode %d on every module, the data server to be told %d-bit",
+                                v_->varkelParam.image_mode, v_->acq_args.aquisitionMode == B24 ? 24 : 12));
   }
+
+  // GND of module 1's first chip that answers: the controller steps it over its range
+  // and the code nearest the aim is written; both read back.
+  Outcome dac_scan_one_chip()
+  {
+    int chip = 1;
+    while (chip < 36 && !present(1, chip))
+      ++chip;
+    int rc = select_module(v_, 1) | select_chipNumber(v_, chip);
+    rc |= US_DAC_Scan(v_, DAC_GND, 0, 255, 4, VARKEL_SEND_ONE_CHIP_ONE_MODULE);
+    rc |= get_dac(v_, DIGITAL_READ_SINGLE_DAC, DAC_GND) | get_dac(v_, ANALOG_READ_SINGLE_DAC, DAC_GND);
+    return from_code(rc, format("GND of module 1 chip %d over codes 0-255 in steps of 4: code %d chosen, reads "
+                                "%.3f V (aim 0.65 V)",
+                                chip, v_->digital_dac_values[chip - 1][DAC_GND - 1],
+                                double{v_->analog_dac_values[chip - 1][DAC_GND - 1]}));
+  }
+
+  // Every module's averages and board sensors side by side, then each module's chips
+  // on the main channel; the table follows the step's line.
+  Outcome temperatures()
+  {
+    const auto t0 = Clock::now();
+    int rc = US_GetTemperature(v_);
+    const double averages = ms(Clock::now() - t0);
+    rc |= US_GetMFBTemperature(v_);
+    const double boards = ms(Clock::now() - t0) - averages;
+    table_ = format("    %-7s %-16s %-16s %s\n", "module", "boards min/max", "chips min/max", "average");
+    const varkel_params_t& p = v_->varkelParam;
+    for (int m = 1; m <= v_->max_num_modules; ++m) {
+      rc |= getChip_Temperature(v_, m);
+      const int sensors = v_->max_num_boards * 16;
+      const auto [bmin, bmax] = std::minmax_element(p.mfb_temperature[m - 1], p.mfb_temperature[m - 1] + sensors);
+      float cmin = 1e9f, cmax = -1e9f;
+      for (int c = 0; c < 36; ++c)
+        if (present(m, c + 1)) {
+          cmin = std::min(cmin, p.allchip_temperature[m - 1][c]);
+          cmax = std::max(cmax, p.allchip_temperature[m - 1][c]);
+        }
+      table_ += format("    %-7d %6.2f / %-7.2f %6.2f / %-7.2f %6.2f\n", m, double{*bmin}, double{*bmax}, double{cmin},
+                       double{cmax}, double{p.avg_chip_temperature[m - 1]});
+    }
+    return from_code(rc, format("averages of %d module(s) side by side in %.1f ms, 48 board sensors each in %.1f ms",
+                                v_->max_num_modules, averages, boards));
+  }
+  const std::string& temperature_table() const { return table_; }
 
   Outcome trigger_arrangement()
   {
@@ -559,6 +614,8 @@ private:
   varkel_t* v_;
   double sequential_ms_ = 0;
   double one_module_dacs_ms_ = 0;
+  std::string switched_off_; // the positions the presence check switched off
+  std::string table_;        // the temperatures, one line per module
   int steps_ = 0;
   uint64_t frames_counted_ = 0;
 };
@@ -581,6 +638,10 @@ int main(int argc, char** argv)
     varkel::sim::Options o;
     o.model = s.model;
     o.latency = std::chrono::microseconds(s.latency_us);
+    // A detector with one chip that does not answer, unless told otherwise: the
+    // fifth position of board 0 on module 2 (module 1 of a one-module detector).
+    if (s.missing.empty() && s.model != kinlet)
+      s.missing.push_back({std::min(2, varkel::sim::geometry_of(s.model).modules), 29});
     o.missing = s.missing;
     try {
       sim = std::make_unique<varkel::sim::Simulator>(o);
@@ -626,12 +687,15 @@ int main(int argc, char** argv)
       (v->max_num_modules == 1 ||
        demo.step("modules one by one", [&] { return demo.connect_one_by_one(s.modules); })) &&
       demo.step("module connection", [&] { return demo.connect_modules(s.modules); }) &&
+      demo.step("presence check", [&] { return demo.presence_check(); }) &&
       (v->max_num_boards < 3 ||
        (demo.step("DAC files, one module", [&] { return demo.load_dacs_one_module(s.modules[0]); }) &&
         demo.step("DAC files", [&] { return demo.load_dacs(); }))) &&
       demo.step("DAC defaults", [&] { return demo.dac_defaults(); }) &&
       demo.step("sensor bias", [&] { return demo.bias_ramp(sim.get()); }) &&
       demo.step("chip configuration", [&] { return demo.configure_chips(); }) &&
+      demo.step("readout mode", [&] { return demo.readout_mode(); }) &&
+      demo.step("DAC scan", [&] { return demo.dac_scan_one_chip(); }) &&
       demo.step("acquisition time",
                 [&] {
                   const int rc = set_acquireTime(v, s.exposure);
@@ -651,6 +715,8 @@ int main(int argc, char** argv)
       demo.step("preparation", [&] { return demo.prepare(); }) &&
       demo.step("acquisition", [&] { return demo.acquire(); }) &&
       demo.step("data-server status", [&] { return demo.data_server_status(); }) &&
+      demo.step("temperatures", [&] { return demo.temperatures(); }) &&
+      (say("%s", demo.temperature_table().c_str()), true) &&
       (!demo.has_frame() || demo.step("sample frame", [&] { return demo.sample_frame(); }));
   const double total = ms(Clock::now() - start) / 1000;
   varkel_delete(v);

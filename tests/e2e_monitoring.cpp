@@ -1,0 +1,91 @@
+// Presence check, re-initialisation, readout mode, DAC scans and temperatures
+// against the simulator with one chip missing.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "simulated_detector.hpp"
+#include "varkel.h"
+
+namespace {
+
+namespace sim = varkel::sim;
+
+TEST(Monitoring, PresenceModesScansAndTemperaturesOnTheSimulator)
+{
+  sim::Options o;
+  o.publish_frame = false;
+  o.missing = {{3, 17}};
+  varkel::testing::SimulatedDetector d(o);
+  ASSERT_EQ(d.connected, 0);
+  varkel_t* v = d.v;
+  sim::Simulator& s = d.sim;
+
+  EXPECT_EQ(check_and_disable_sensors(v), 0);
+  for (int m = 0; m < 4; ++m)
+    for (int c = 0; c < 36; ++c)
+      EXPECT_EQ(v->sensor_disabled[m][c], m == 2 && c == 16) << m << ":" << c;
+
+  // A reset drops the links; the re-initialisation brings them back and loads the files.
+  const auto reset_and_init = [&] {
+    const auto here = std::filesystem::current_path();
+    std::filesystem::current_path(VARKEL_SOURCE_DIR);
+    const int rc = varkel_reset_and_init(v, "examples/dacs/index.ini");
+    std::filesystem::current_path(here);
+    return rc;
+  };
+  EXPECT_EQ(reset_and_init(), 0);
+  for (int m = 1; m <= 4; ++m)
+    EXPECT_TRUE(s.module(m).link_up) << m;
+
+  EXPECT_EQ(set_medipix_mode(v, VARKEL_MEDIPIX_MODE_24BITS), 0);
+  EXPECT_EQ(v->acq_args.aquisitionMode, B24);
+
+  // Each chip's scan lands near the aim, not every chip on the same code.
+  ASSERT_EQ(select_module(v, 1), 0);
+  std::set<int> codes;
+  for (int c = 1; c <= 6; ++c) {
+    ASSERT_EQ(select_chipNumber(v, c), 0);
+    ASSERT_EQ(US_DAC_Scan(v, DAC_GND, 0, 255, 4, VARKEL_SEND_ONE_CHIP_ONE_MODULE), 0);
+    ASSERT_EQ(get_dac(v, DIGITAL_READ_SINGLE_DAC, DAC_GND), 0);
+    ASSERT_EQ(get_dac(v, ANALOG_READ_SINGLE_DAC, DAC_GND), 0);
+    EXPECT_NEAR(v->analog_dac_values[c - 1][DAC_GND - 1], 0.65, 0.01) << c;
+    codes.insert(v->digital_dac_values[c - 1][DAC_GND - 1]);
+  }
+  EXPECT_GT(codes.size(), 1u);
+
+  // One value on every chip of every module, one thread per module.
+  EXPECT_EQ(write_dac_all_modules(v, DAC_Preamp, 77), 0);
+  ASSERT_EQ(get_dac(v, DIGITAL_READ_ALL_SENSORS, DAC_Preamp), 0);
+  for (int c = 0; c < 36; ++c)
+    EXPECT_EQ(v->digital_dac_values[c][DAC_Preamp - 1], 77) << c;
+
+  // Temperatures: plausible, warmer chips than boards, a spread between modules.
+  EXPECT_EQ(US_GetTemperature(v) | US_GetMFBTemperature(v), 0);
+  for (int m = 0; m < 4; ++m) {
+    const auto [low, high] =
+        std::minmax_element(std::begin(v->varkelParam.mfb_temperature[m]), std::end(v->varkelParam.mfb_temperature[m]));
+    EXPECT_GT(*low, 20.0f);
+    EXPECT_LT(*high, v->varkelParam.avg_chip_temperature[m]);
+    EXPECT_LT(v->varkelParam.avg_chip_temperature[m], 50.0f);
+  }
+  EXPECT_LT(v->varkelParam.avg_chip_temperature[0], v->varkelParam.avg_chip_temperature[3]);
+  EXPECT_EQ(getChip_Temperature(v, 3), 0);
+  // The missing chip answers no temperature: its entry repeats the chip before it.
+  EXPECT_EQ(v->varkelParam.allchip_temperature[2][16], v->varkelParam.allchip_temperature[2][15]);
+  EXPECT_NE(v->varkelParam.allchip_temperature[2][17], v->varkelParam.allchip_temperature[2][16]);
+
+  // Module 1 unreachable: the later steps still run, the files still reach module 2.
+  ::close(v->fd[0]);
+  v->fd[0] = 0;
+  const uint64_t before = s.commands(2);
+  EXPECT_EQ(reset_and_init(), ENOTCONN);
+  EXPECT_EQ(s.commands(2) - before, 1 + 14 + 36 * 6u);
+}
+
+} // namespace

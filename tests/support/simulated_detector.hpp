@@ -1,0 +1,30 @@
+// A handle connected to a simulator running in this process, data server and every
+// module, as after the first steps of the typical use.
+#pragma once
+
+#include <vector>
+
+#include "simulator.hpp"
+#include "varkel.h"
+
+namespace varkel::testing {
+
+struct SimulatedDetector {
+  explicit SimulatedDetector(sim::Options options) : sim(options), v(varkel_new(options.model))
+  {
+    const std::vector<const char*> hosts(static_cast<std::size_t>(sim.modules()), "127.0.0.1");
+    std::vector<uint16_t> ports;
+    for (int m = 1; m <= sim.modules(); ++m)
+      ports.push_back(sim.module_port(m));
+    connected = varkel_connect_backend(v, "127.0.0.1", sim.data_port()) | varkel_connect(v, hosts.data(), ports.data());
+  }
+  ~SimulatedDetector() { varkel_delete(v); }
+  SimulatedDetector(const SimulatedDetector&) = delete;
+  SimulatedDetector& operator=(const SimulatedDetector&) = delete;
+
+  sim::Simulator sim;
+  varkel_t* v;
+  int connected; // the OR of the two connections' codes
+};
+
+} // namespace varkel::testing
