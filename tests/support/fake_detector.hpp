@@ -42,6 +42,7 @@ public:
   varkel_t* handle() const { return v_; }
   // Fake of module m (1-based).
   FakeController& module(int m) { return *fakes_.at(static_cast<std::size_t>(m - 1)); }
+  int modules() const { return static_cast<int>(fakes_.size()); }
   // Connects every module again through the library (varkel_connect): module m
   // to ports[m - 1] where that is given and not 0, else to its fake.
   int connect(std::vector<uint16_t> ports = {});
