@@ -121,9 +121,9 @@ int US_ImageMode(varkel_t* varkel, uint8_t image_mode)
   assert(varkel != NULL);
   if (!validate_image_mode(image_mode))
     return -3;
-  // Two statements: the operands of | run in no fixed order, the read-back must follow the write.
+  // The read-back follows only a write the controller answered.
   const int rc = write_echo_into<int>(varkel, true, "%d", varkel->varkelParam.image_mode, CMD_IMAGE_MODE, image_mode);
-  return rc | US_ImageMode_RBV(varkel);
+  return rc != 0 ? rc : US_ImageMode_RBV(varkel);
 }
 
 int US_DiscardData(varkel_t* varkel, bool discard_data)
