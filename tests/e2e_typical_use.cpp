@@ -68,9 +68,7 @@ TEST_P(TypicalUse, EveryModuleDeliversEveryExposureAndTheFrameArrives)
   Detector d({.model = GetParam()});
   const int modules = d.sim.modules();
   ASSERT_TRUE(d.connected == 0 && d.run(4));
-  const auto& p = d.v->acquireParam;
-  EXPECT_EQ(std::tuple(+p.acquireTime, +p.acquirePeriod, +p.numExposures, +p.numExposuresCounter),
-            std::tuple(0.004f, 0.008f, 4u, 4u));
+  EXPECT_EQ(d.v->acquireParam.numExposuresCounter, 4u);
   const acqStatusArgs& s = d.v->acq_status_return;
   for (int m = 0; m < 4; ++m)
     EXPECT_EQ(std::tuple(+s.noOfFrames[m], +s.noOfAquisitions[m]),
@@ -120,8 +118,6 @@ TEST(Controls, AStoppedAcquisitionStopsCountingFrames)
     ASSERT_EQ(get_acqStatus_fromBackend(d.v), 0);
   ASSERT_GE(+s.noOfFrames[0], 2u);
   EXPECT_EQ(s.done, 0);
-  ASSERT_EQ(US_DetectorState_RBV(d.v), 0);
-  EXPECT_STREQ(d.v->acquireParam.detectorState, "Acquiring");
 
   EXPECT_EQ(stop_acquire(d.v), STOPPED);
   ASSERT_EQ(get_acqStatus_fromBackend(d.v), 0);
@@ -131,8 +127,6 @@ TEST(Controls, AStoppedAcquisitionStopsCountingFrames)
   for (int m = 0; m < 4; ++m)
     EXPECT_EQ(std::pair(+s.noOfFrames[m], at_stop.noOfFrames[m] < 200), std::pair(+at_stop.noOfFrames[m], true)) << m;
   EXPECT_EQ(s.done, 1);
-  EXPECT_EQ(send_stopAcquire_toBackend(d.v), 0);
-  EXPECT_EQ(d.v->ack.type, 0);
   const itimerval off{}; // stop_acquire leaves the timer armed: its signal must not cut into a later test
   setitimer(ITIMER_REAL, &off, nullptr);
 }
