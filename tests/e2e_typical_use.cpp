@@ -7,7 +7,6 @@
 #include <sys/time.h>
 #include <thread>
 #include <tuple>
-#include <unistd.h>
 
 #include "fake_data_server.hpp"
 #include "simulated_detector.hpp"
