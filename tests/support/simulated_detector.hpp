@@ -1,5 +1,6 @@
 // A handle connected to a simulator running in this process, data server and every
-// module, as after the first steps of the typical use.
+// module, as after the first steps of the typical use. `between` runs after the data
+// server's connection, before the modules'.
 #pragma once
 
 #include <vector>
@@ -10,13 +11,17 @@
 namespace varkel::testing {
 
 struct SimulatedDetector {
-  explicit SimulatedDetector(sim::Options options) : sim(options), v(varkel_new(options.model))
+  explicit SimulatedDetector(sim::Options options, void (*between)(varkel_t*) = nullptr)
+      : sim(options), v(varkel_new(options.model))
   {
     const std::vector<const char*> hosts(static_cast<std::size_t>(sim.modules()), "127.0.0.1");
     std::vector<uint16_t> ports;
     for (int m = 1; m <= sim.modules(); ++m)
       ports.push_back(sim.module_port(m));
-    connected = varkel_connect_backend(v, "127.0.0.1", sim.data_port()) | varkel_connect(v, hosts.data(), ports.data());
+    connected = varkel_connect_backend(v, "127.0.0.1", sim.data_port());
+    if (between != nullptr)
+      between(v);
+    connected |= varkel_connect(v, hosts.data(), ports.data());
   }
   ~SimulatedDetector() { varkel_delete(v); }
   SimulatedDetector(const SimulatedDetector&) = delete;
