@@ -2,6 +2,10 @@
 // once, one thread per module, against fake controllers on loopback.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
+#include <cstdlib>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -124,6 +128,8 @@ TEST(TemperatureDeathTest, AModuleWhoseThreadCannotStartIsNamedAndTheOthersAreJo
 {
   if (__asan_init != nullptr || __tsan_init != nullptr)
     GTEST_SKIP() << "the sanitizers' runtimes reserve address space of their own";
+  if (const char* preload = std::getenv("LD_PRELOAD"); preload != nullptr && std::strstr(preload, "vgpreload"))
+    GTEST_SKIP() << "valgrind manages the threads' address space itself";
   // Forked: the child's module threads are answered by the fakes' threads here.
   GTEST_FLAG_SET(death_test_style, "fast");
   FakeDetector det(varkelQuad);
