@@ -49,7 +49,7 @@ Answer configure_transport(Ctx& c, Params p)
   std::string missing;
   for (uint32_t n : kTransportParams)
     if (!c.mod.transport.contains(n))
-      missing += " " + std::to_string(n);
+      missing.append(1, ' ').append(std::to_string(n)); // not " " + ...: a false GCC 12 warning
   if (!missing.empty())
     return Answer::error(kServerError, "ConfigureTransport: missing parameters" + missing);
   for (const auto& [n, want] : expected_transport(c.world.link, c.m)) {

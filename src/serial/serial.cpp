@@ -43,7 +43,7 @@ public:
       return Step::more;
     case Phase::second_open:
       if (advance(c == '{', Phase::second_body))
-        text_ = "{";
+        text_.assign(1, '{'); // not = "{": GCC 12 warns falsely in release builds
       return Step::more;
     case Phase::second_body:
       if (c != '\0')
