@@ -13,7 +13,9 @@ namespace {
 
 TEST(Calibration, FilesDacsBiasAndBandGapOnTheSimulator)
 {
-  varkel::testing::SimulatedDetector d({.publish_frame = false});
+  varkel::sim::Options options;
+  options.publish_frame = false;
+  varkel::testing::SimulatedDetector d(options);
   ASSERT_EQ(d.connected, 0);
   varkel_t* v = d.v;
 

@@ -13,7 +13,10 @@ namespace {
 
 TEST(Monitoring, PresenceResetScansAndTemperaturesOnTheSimulator)
 {
-  varkel::testing::SimulatedDetector d({.missing = {{3, 17}}, .publish_frame = false});
+  varkel::sim::Options options;
+  options.missing = {{3, 17}};
+  options.publish_frame = false;
+  varkel::testing::SimulatedDetector d(options);
   ASSERT_EQ(d.connected, 0);
   varkel_t* v = d.v;
 

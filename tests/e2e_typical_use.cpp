@@ -64,7 +64,7 @@ class TypicalUse : public ::testing::TestWithParam<varkel_detector_model_t> {};
 
 TEST_P(TypicalUse, EveryModuleDeliversEveryExposureAndTheFrameArrives)
 {
-  Detector d({.model = GetParam()});
+  Detector d(varkel::testing::options_for(GetParam()));
   const int modules = d.sim.modules();
   ASSERT_TRUE(d.connected == 0 && d.run(4));
   EXPECT_EQ(d.v->acquireParam.numExposuresCounter, 4u);
@@ -108,7 +108,7 @@ TEST(TypicalUseWithFaults, AMissingChipStaysDarkAndAModuleOffTheLinkDeliversNoth
 // ten: the test is over long before either, even under a sanitizer.
 TEST(Controls, AStoppedAcquisitionStopsCountingFrames)
 {
-  Detector d({.model = varkelQuad});
+  Detector d(varkel::testing::options_for(varkelQuad));
   ASSERT_TRUE(d.connected == 0 && d.configure(0.05f, 0.06f, 200) && prepare_varkel(d.v) == 0 &&
               execute_acquire(d.v) == 0);
   const acqStatusArgs& s = d.v->acq_status_return;
@@ -133,7 +133,7 @@ TEST(Controls, AStoppedAcquisitionStopsCountingFrames)
 // Saving during an acquisition: the data server counts the frames it saved.
 TEST(Controls, TheDataServerCountsWhatWasSaved)
 {
-  Detector d({.model = varkelTrio});
+  Detector d(varkel::testing::options_for(varkelTrio));
   ASSERT_TRUE(d.connected == 0 && d.configure(0.004f, 0.008f, 3) && prepare_varkel(d.v) == 0);
   ASSERT_EQ(update_backend_acqArgs(d.v, VARKEL_MEDIPIX_MODE_DEFAULT, false, SAVE_DURING, true, 1, 5), 0);
   ASSERT_EQ(set_file_name_template(d.v, "/run.h5"), 0);

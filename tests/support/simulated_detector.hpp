@@ -10,6 +10,15 @@
 
 namespace varkel::testing {
 
+// The simulator's defaults for `model` (designated initializers that leave members
+// out trip -Wmissing-field-initializers).
+inline sim::Options options_for(varkel_detector_model_t model)
+{
+  sim::Options options;
+  options.model = model;
+  return options;
+}
+
 struct SimulatedDetector {
   explicit SimulatedDetector(sim::Options options, void (*between)(varkel_t*) = nullptr)
       : sim(options), v(varkel_new(options.model))
