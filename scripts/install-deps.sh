@@ -7,6 +7,7 @@ packages=(
   libjson-c-dev libglib2.0-dev libpng-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev libomp-14-dev clang-format valgrind
+  python3-dev pybind11-dev python3-numpy python3-pytest libcli11-dev
 )
 
 missing=()
