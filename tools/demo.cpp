@@ -18,13 +18,16 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <png.h>
 #include <string>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
-#include "decode.h"
+#include "common/console.hpp"
+#include "common/endpoint.hpp"
+#include "common/picture.hpp"
+#include "common/simulated.hpp"
+#include "common/text.hpp"
 #include "simulator.hpp"
 #include "utils.h"
 #include "varkel.h"
@@ -33,11 +36,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
-
-struct Endpoint {
-  std::string host;
-  uint16_t port = 0;
-};
+using varkel::tools::Endpoint;
+using varkel::tools::format;
+using varkel::tools::parse_endpoint;
 
 struct Settings {
   varkel_detector_model_t model = varkelQuad;
@@ -53,17 +54,6 @@ struct Settings {
   std::string dacs = "examples/dacs/index.ini"; // DAC files; relative paths from the working directory
 };
 
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...)
-{
-  char buf[512];
-  va_list args;
-  va_start(args, fmt);
-  std::vsnprintf(buf, sizeof buf, fmt, args);
-  va_end(args);
-  return buf;
-}
-
 double ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
 
 // ---- command line ------------------------------------------------------------
@@ -76,18 +66,6 @@ int usage()
                "                   [--latency-us N] [--missing-chip MODULE:CHIP]...   (simulator in this process)\n"
                "                   [--module HOST:PORT]... --data-server HOST:PORT    (a detector elsewhere)\n");
   return 2;
-}
-
-std::optional<Endpoint> parse_endpoint(const std::string& text)
-{
-  const std::size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0)
-    return std::nullopt;
-  char* end = nullptr;
-  const unsigned long port = std::strtoul(text.c_str() + colon + 1, &end, 10);
-  if (*end != '\0' || port == 0 || port > 65535)
-    return std::nullopt;
-  return Endpoint{text.substr(0, colon), static_cast<uint16_t>(port)};
 }
 
 bool parse_args(int argc, char** argv, Settings& s)
@@ -141,117 +119,7 @@ bool parse_args(int argc, char** argv, Settings& s)
 
 // ---- output --------------------------------------------------------------------
 
-// The library prints every request and reply on standard output. The demo keeps
-// its own copy of the terminal and sends standard output and error to the log.
-struct Console {
-  FILE* out = stdout;
-  bool tty = false;
-
-  bool redirect_library_output(const std::string& log)
-  {
-    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-      return false;
-    std::fflush(stdout);
-    std::fflush(stderr);
-    out = fdopen(dup(STDOUT_FILENO), "w");
-    tty = isatty(STDOUT_FILENO);
-    dup2(fd, STDOUT_FILENO);
-    dup2(fd, STDERR_FILENO);
-    close(fd);
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    return out != nullptr;
-  }
-};
-
-Console console;
-
-void say(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-void say(const char* fmt, ...)
-{
-  va_list args;
-  va_start(args, fmt);
-  std::vfprintf(console.out, fmt, args);
-  va_end(args);
-  std::fflush(console.out);
-}
-
-// ---- the picture ---------------------------------------------------------------
-
-// varkel-sim's frame order: module by module, boards 0..2, chips 0..11, each chip
-// 256 rows of 256 pixels. The chips are put in their places on the detector face
-// with the library's placement table and shrunk 4 x 4.
-constexpr int kBin = 4;
-constexpr int kCell = 256 / kBin;
-constexpr int kChipGap = 1;    // the simulator's 4-pixel gaps, shrunk
-constexpr int kModuleGap = 10; // and its 40-pixel gaps between modules
-
-int cell_origin(int cell) { return cell * (kCell + kChipGap) + (cell >= 6 ? kModuleGap - kChipGap : 0); }
-
-struct Picture {
-  int width = 0, height = 0;
-  std::vector<uint8_t> gray;
-};
-
-std::optional<Picture> assemble(const varkel_t* v)
-{
-  const int rows = v->detModel == varkelQuad ? 12 : 6;
-  if (v->detModel != varkelQuad && v->detModel != varkelTrio)
-    return std::nullopt;
-  Picture p;
-  p.width = p.height = cell_origin(rows - 1) + kCell;
-  std::vector<float> binned(static_cast<std::size_t>(p.width) * p.height, -1.0f); // -1: no sensor
-  for (int r = 0; r < rows; ++r) {
-    for (int c = 0; c < rows; ++c) {
-      const sensor& s = decoderQuad[r * 12 + c];
-      const std::size_t chip = (static_cast<std::size_t>(s.module) * v->max_num_boards + s.mfb) * 12 + s.chipId;
-      const int32_t* px = v->sample_frame + chip * 65536;
-      for (int y = 0; y < kCell; ++y)
-        for (int x = 0; x < kCell; ++x) {
-          float total = 0;
-          for (int dy = 0; dy < kBin; ++dy)
-            for (int dx = 0; dx < kBin; ++dx)
-              total += static_cast<float>(px[(y * kBin + dy) * 256 + x * kBin + dx]);
-          binned[static_cast<std::size_t>(cell_origin(r) + y) * p.width + cell_origin(c) + x] = total / (kBin * kBin);
-        }
-    }
-  }
-  // Square-root scale up to the 99.5th percentile, so that faint rings show.
-  std::vector<float> values;
-  for (float b : binned)
-    if (b >= 0)
-      values.push_back(b);
-  const std::size_t at = values.size() * 995 / 1000;
-  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(at), values.end());
-  const float top = std::max(values.empty() ? 1.0f : values[at], 1.0f);
-  p.gray.resize(binned.size());
-  for (std::size_t i = 0; i < binned.size(); ++i)
-    p.gray[i] = binned[i] < 0 ? 0 : static_cast<uint8_t>(255.0f * std::sqrt(std::min(binned[i] / top, 1.0f)));
-  return p;
-}
-
-bool write_png(const std::string& path, const Picture& p)
-{
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr)
-    return false;
-  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-  png_infop info = png ? png_create_info_struct(png) : nullptr;
-  bool ok = png != nullptr && info != nullptr;
-  if (ok && setjmp(png_jmpbuf(png)) == 0) {
-    png_init_io(png, f);
-    png_set_IHDR(png, info, static_cast<png_uint_32>(p.width), static_cast<png_uint_32>(p.height), 8,
-                 PNG_COLOR_TYPE_GRAY, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(png, info);
-    for (int y = 0; y < p.height; ++y)
-      png_write_row(png, p.gray.data() + static_cast<std::size_t>(y) * p.width);
-    png_write_end(png, nullptr);
-  } else {
-    ok = false;
-  }
-  png_destroy_write_struct(&png, &info);
-  return std::fclose(f) == 0 && ok;
-}
+varkel::tools::Console console;
 
 // ---- the steps -----------------------------------------------------------------
 
@@ -277,7 +145,7 @@ public:
     const auto t0 = Clock::now();
     const Outcome o = body();
     const double took = ms(Clock::now() - t0);
-    say("%s  %-24s %9.1f ms  %-4s %s\n", console.tty ? "\r\033[K" : "", name, took, o.ok ? "ok" : "FAIL",
+    say(console, "%s  %-24s %9.1f ms  %-4s %s\n", console.tty ? "\r\033[K" : "", name, took, o.ok ? "ok" : "FAIL",
         o.detail.c_str());
     ++steps_;
     return o.ok;
@@ -547,7 +415,8 @@ public:
       if (now > deadline)
         return {false, format("still acquiring after %.1f s", ms(now - t0) / 1000)};
       if (console.tty && now - shown > 50ms) {
-        show_progress(std::chrono::duration<double>(now - t0).count() / expected);
+        say(console, "\r\033[K  %-24s %s", "acquisition",
+            varkel::tools::progress_bar(std::chrono::duration<double>(now - t0).count() / expected).c_str());
         shown = now;
       }
       std::this_thread::sleep_for(5ms);
@@ -588,13 +457,14 @@ public:
       total += v_->sample_frame[i];
       top = std::max(top, v_->sample_frame[i]);
     }
-    const auto picture = assemble(v_);
-    if (!picture || total == 0)
+    const auto face = varkel::tools::place_on_face(v_, v_->sample_frame);
+    if (!face || total == 0)
       return {false, "the frame is empty"};
-    if (!write_png(s_.png, *picture))
+    const auto picture = varkel::tools::shade(*face, 4);
+    if (!varkel::tools::write_png(s_.png, picture))
       return {false, "cannot write " + s_.png};
     return {true, format("%zu pixels, mean %.1f, max %d -> %s (%d x %d)", n, static_cast<double>(total) / n, top,
-                         s_.png.c_str(), picture->width, picture->height)};
+                         s_.png.c_str(), picture.width, picture.height)};
   }
 
   bool has_frame() const { return v_->detModel == varkelTrio || v_->detModel == varkelQuad; }
@@ -602,14 +472,6 @@ public:
   uint64_t frames_counted() const { return frames_counted_; }
 
 private:
-  void show_progress(double fraction)
-  {
-    fraction = std::clamp(fraction, 0.0, 1.0);
-    const int filled = static_cast<int>(fraction * 30);
-    say("\r\033[K  %-24s [%s%s] %3.0f%%", "acquisition", std::string(filled, '#').c_str(),
-        std::string(30 - filled, '.').c_str(), fraction * 100);
-  }
-
   const Settings& s_;
   varkel_t* v_;
   double sequential_ms_ = 0;
@@ -644,14 +506,14 @@ int main(int argc, char** argv)
       s.missing.push_back({std::min(2, varkel::sim::geometry_of(s.model).modules), 29});
     o.missing = s.missing;
     try {
-      sim = std::make_unique<varkel::sim::Simulator>(o);
+      varkel::tools::SimulatedDetector d = varkel::tools::start_simulator(o);
+      sim = std::move(d.sim);
+      s.modules = std::move(d.modules);
+      s.data_server = d.data_server;
     } catch (const std::exception& e) {
       std::fprintf(stderr, "varkel-demo: cannot start the simulator: %s\n", e.what());
       return 1;
     }
-    for (int m = 1; m <= sim->modules(); ++m)
-      s.modules.push_back({"127.0.0.1", sim->module_port(m)});
-    s.data_server = Endpoint{"127.0.0.1", sim->data_port()};
   }
   const varkel::sim::Geometry g = varkel::sim::geometry_of(s.model);
   if (static_cast<int>(s.modules.size()) != g.modules) {
@@ -664,18 +526,18 @@ int main(int argc, char** argv)
     return 1;
   }
 
-  say("varkel-demo: %s (%d module(s) x %d board(s) x %d chip(s)), %s\n", varkel::sim::model_name(s.model), g.modules,
-      g.boards, g.chips,
+  say(console, "varkel-demo: %s (%d module(s) x %d board(s) x %d chip(s)), %s\n", varkel::sim::model_name(s.model),
+      g.modules, g.boards, g.chips,
       sim ? format("simulator in this process, %u us per controller reply", s.latency_us).c_str()
           : "detector given on the command line");
-  say("  data server %s:%u, module 1 at %s:%u\n", s.data_server->host.c_str(), s.data_server->port,
+  say(console, "  data server %s:%u, module 1 at %s:%u\n", s.data_server->host.c_str(), s.data_server->port,
       s.modules[0].host.c_str(), s.modules[0].port);
-  say("  %d exposure(s) of %.6f s every %.6f s\n\n", s.exposures, static_cast<double>(s.exposure),
+  say(console, "  %d exposure(s) of %.6f s every %.6f s\n\n", s.exposures, static_cast<double>(s.exposure),
       static_cast<double>(s.period));
 
   varkel_t* v = varkel_new(s.model);
   if (v == nullptr || v->sample_frame == nullptr) {
-    say("cannot create a handle\n");
+    say(console, "cannot create a handle\n");
     return 1;
   }
   v->simulate = 1; // the simulator publishes its frame under the "_sim" names
@@ -716,16 +578,17 @@ int main(int argc, char** argv)
       demo.step("acquisition", [&] { return demo.acquire(); }) &&
       demo.step("data-server status", [&] { return demo.data_server_status(); }) &&
       demo.step("temperatures", [&] { return demo.temperatures(); }) &&
-      (say("%s", demo.temperature_table().c_str()), true) &&
+      (say(console, "%s", demo.temperature_table().c_str()), true) &&
       (!demo.has_frame() || demo.step("sample frame", [&] { return demo.sample_frame(); }));
   const double total = ms(Clock::now() - start) / 1000;
   varkel_delete(v);
 
   if (ok)
-    say("\nall %d steps succeeded in %.2f s, %llu frames counted by the data server; the library's own output "
+    say(console,
+        "\nall %d steps succeeded in %.2f s, %llu frames counted by the data server; the library's own output "
         "is in %s\n",
         demo.steps(), total, static_cast<unsigned long long>(demo.frames_counted()), s.log.c_str());
   else
-    say("\nstopped after a failed step; the library's own output is in %s\n", s.log.c_str());
+    say(console, "\nstopped after a failed step; the library's own output is in %s\n", s.log.c_str());
   return ok ? 0 : 1;
 }

@@ -1,0 +1,11 @@
+// Small text helpers the tools share.
+#pragma once
+
+#include <string>
+
+namespace varkel::tools {
+
+// printf into a string (at most 511 characters).
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+} // namespace varkel::tools
