@@ -7,12 +7,16 @@ namespace varkel::tools {
 
 std::string format(const char* fmt, ...)
 {
-  char buf[512];
-  va_list args;
+  va_list args, measure;
   va_start(args, fmt);
-  std::vsnprintf(buf, sizeof buf, fmt, args);
+  va_copy(measure, args);
+  const int length = std::vsnprintf(nullptr, 0, fmt, measure);
+  va_end(measure);
+  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+  if (length > 0)
+    std::vsnprintf(text.data(), text.size() + 1, fmt, args);
   va_end(args);
-  return buf;
+  return text;
 }
 
 } // namespace varkel::tools

@@ -5,7 +5,7 @@
 
 namespace varkel::tools {
 
-// printf into a string (at most 511 characters).
+// printf into a string of any length.
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 } // namespace varkel::tools
