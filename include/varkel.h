@@ -546,7 +546,8 @@ VARKEL_API varkel_t* varkel_new(varkel_detector_model_t detModel);
 VARKEL_API void varkel_delete(varkel_t* varkel);
 
 // Message for any result code: strerror for positive codes, the library's table
-// for 0 and negative codes (anything below -13 reads "Invalid error number").
+// for 0 and negative codes (anything below -13 reads "Invalid error number", but
+// for the snapshot codes -101 to -105 of snapshot.h, which have texts of their own).
 VARKEL_API const char* varkel_error_string(int error);
 
 // Chip number within a module: (2 - mfb) * 12 + sensor + 1.

@@ -8,5 +8,3 @@ int varkel_setting_parse(const varkel_setting_t*, const char*, double*) { return
 int varkel_setting_format(const varkel_setting_t*, double, char*, size_t) { return -1; }
 int varkel_setting_get(varkel_t*, const varkel_setting_t*, int, int, double*) { return -1; }
 int varkel_setting_put(varkel_t*, const varkel_setting_t*, int, int, double) { return -1; }
-int varkel_set_timeouts(varkel_t*, double, double) { return -1; }
-int varkel_attach(varkel_t*, const char* const[], const uint16_t[]) { return -1; }
