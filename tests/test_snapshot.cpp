@@ -86,8 +86,12 @@ TEST_F(Snapshots, RoundTripDiffsAndAppliesExactlyWhatChanged)
   EXPECT_EQ(report.commands, sent() - connected);
 
   const std::tuple<int, int, const char*, double> puts[] = {
-      {1, 0, "exposure", 0.125}, {2, 7, "gain", 3}, {3, 30, "dac.GND", 77}, {4, 1, "counter-depth", 0}};
-  std::set<Entry> changes;
+      {1, 0, "exposure", 0.125},
+      {2, 7, "gain", 3},
+      {3, 30, "dac.GND", 77},
+      {4, 1, "counter-depth", 0},
+      {1, 0, "image-mode", 1}}; // the last turns the readout mode into crw
+  std::set<Entry> changes = {{0, 0, "readout-mode", VARKEL_MEDIPIX_MODE_DEFAULT, VARKEL_MEDIPIX_MODE_CRW}};
   for (const auto& [module, chip, name, value] : puts) {
     double was = -1;
     ASSERT_EQ(varkel_setting_get(det.v, varkel_setting_find(name), module, chip, &was), 0);

@@ -544,8 +544,11 @@ int varkel_snapshot_apply(varkel_t* varkel, const char* path, varkel_snapshot_re
   bool unverified = false;
   if (rc == 0) {
     // Sorted by module and chip: each chip is selected once for all its writes.
+    // The readout mode goes last: its read-back looks at module 1's image mode.
+    std::vector<varkel_snapshot_entry_t> writes = differences(wanted.values, now, false);
+    std::stable_partition(writes.begin(), writes.end(), [](const auto& e) { return e.module != 0; });
     int module = -1, chip = -1;
-    for (varkel_snapshot_entry_t& e : differences(wanted.values, now, false)) {
+    for (varkel_snapshot_entry_t& e : writes) {
       int step = 0;
       const auto off = now.find({e.module, e.chip, kDisabled});
       const bool switched_off = e.chip != 0 && off != now.end() && off->second != 0;
@@ -555,8 +558,8 @@ int varkel_snapshot_apply(varkel_t* varkel, const char* path, varkel_snapshot_re
         out.entries.push_back(e);
         continue;
       }
-      if (e.module != 0 && (e.module != module || e.chip != chip)) {
-        step = select_module(varkel, e.module);
+      if (e.module != module || e.chip != chip) {
+        step = select_module(varkel, e.module != 0 ? e.module : 1); // detector values read on module 1
         if (step == 0 && e.chip != 0)
           step = select_chipNumber(varkel, e.chip);
         module = e.module;
