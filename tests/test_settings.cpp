@@ -172,6 +172,8 @@ TEST(Settings, ValuesByNameAndNumber)
   EXPECT_EQ(varkel_setting_find("no-such"), nullptr);
   EXPECT_EQ(varkel_setting_at(varkel_settings_count()), nullptr);
   EXPECT_EQ(varkel_setting_find("dac.DISCH")->values, std::string("0..255"));
+  EXPECT_EQ(varkel_setting_find("dac.DISCH")->writable, 1);
+  EXPECT_EQ(varkel_setting_find("exposures-taken")->writable, 0);
 }
 
 // Attaching opens the channels and sends nothing; the bounded reply gives up on

@@ -77,7 +77,7 @@ constexpr auto kChip = VARKEL_SETTING_CHIP;
 
 constexpr SettingRow named(const char* name, const char* help, const char* values, varkel_setting_scope_t scope)
 {
-  return {{name, help, values, scope, 1}, 0, 0, true, Read::cached, nullptr, {}, nullptr, 0, nullptr, nullptr, nullptr};
+  return {{name, help, values, scope, 0}, 0, 0, true, Read::cached, nullptr, {}, nullptr, 0, nullptr, nullptr, nullptr};
 }
 
 constexpr SettingRow ranged(const char* name, const char* help, const char* values, varkel_setting_scope_t scope,
@@ -102,7 +102,7 @@ constexpr SettingRow with_set(SettingRow row, Setter set, Setter set_module = nu
   row.set = set;
   row.set_module = set_module;
   row.set_everywhere = everywhere;
-  row.pub.writable = set != nullptr;
+  row.pub.writable = 1; // rows without a setter are read-only
   return row;
 }
 
