@@ -698,7 +698,8 @@ VARKEL_API void decode_backend_error(uint8_t ret, char* error);
 
 // Connects to the data server (any earlier connection is closed first), receives
 // its RDMA parameters into `init_args` and acknowledges them. Receive time-out
-// 300 s. Returns 0; errno when the socket cannot be created; the codes of
+// 300 s (the connect and the parameters within the bounds of varkel_set_timeouts,
+// when they are shorter). Returns 0; errno when the socket cannot be created; the codes of
 // socket_connect; -1 when the handshake fails. The connection is closed on failure.
 VARKEL_API int varkel_connect_backend(varkel_t* varkel, const char* address, unsigned short port);
 

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "fake_data_server.hpp"
 #include "fake_detector.hpp"
 #include "settings.h"
 
@@ -177,7 +178,8 @@ TEST(Settings, ValuesByNameAndNumber)
 }
 
 // Attaching opens the channels and sends nothing; the bounded reply gives up on
-// a silent controller within its bound with the failed-receive code.
+// a silent controller (and data server) within its bound with the failed-receive
+// code; a connect nobody completes gives up with ETIMEDOUT.
 TEST(Settings, AttachSendsNothingAndTimeOutsBoundASilentController)
 {
   FakeDetector det(varkelTrio);
@@ -199,6 +201,13 @@ TEST(Settings, AttachSendsNothingAndTimeOutsBoundASilentController)
   const auto took = std::chrono::duration<double>(Clock::now() - start).count();
   EXPECT_GT(took, 0.15);
   EXPECT_LT(took, 1.0);
+
+  // The data server's greeting is bounded too.
+  FakeDataServer data_server;
+  data_server.spoil_greeting(Trigger::silence);
+  const auto greeting_start = Clock::now();
+  EXPECT_EQ(varkel_connect_backend(v, "127.0.0.1", data_server.port()), -1);
+  EXPECT_LT(std::chrono::duration<double>(Clock::now() - greeting_start).count(), 1.0);
 
   // A connect nobody answers: a listener whose backlog is full drops the handshake.
   const int listener = socket(AF_INET, SOCK_STREAM, 0);
