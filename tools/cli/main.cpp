@@ -5,6 +5,7 @@
 // Exit status: 0 when everything succeeded, 1 when the detector or the library
 // failed, 2 when the command line was wrong (an unknown name, a bad value).
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <unistd.h>
@@ -103,7 +104,17 @@ int main(int argc, char** argv)
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e) == 0 ? kExitOk : kExitUsage;
+    // A script asked for JSON gets its object even for a command line it got wrong.
+    if (e.get_exit_code() == 0 || std::find(argv + 1, argv + argc, std::string("--json")) == argv + argc)
+      return app.exit(e) == 0 ? kExitOk : kExitUsage;
+    varkel::tools::Console console;
+    std::string named; // the command, if the line names one
+    for (const CLI::App* c : app.get_subcommands({}))
+      if (named.empty() && std::find(argv + 1, argv + argc, c->get_name()) != argv + argc)
+        named = c->get_name();
+    Output out(console, stderr, true, named);
+    out.refuse(e.what());
+    return out.finish();
   }
   CLI::App* command = app.get_subcommands().front();
   sr.at = at;

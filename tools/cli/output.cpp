@@ -71,7 +71,8 @@ int Output::finish()
 {
   set("ok", json_object_new_boolean(status_ == kExitOk));
   if (json_) {
-    std::fprintf(console_.out, "%s\n", json_object_to_json_string_ext(root_.get(), JSON_C_TO_STRING_PLAIN));
+    std::fprintf(console_.out, "%s\n",
+                 json_object_to_json_string_ext(root_.get(), JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE));
     std::fflush(console_.out);
   }
   return status_;

@@ -257,26 +257,27 @@ void config(Detector& d, Output& out, const std::string& action, const std::stri
     rc = varkel_snapshot_diff(against.empty() ? d.handle() : nullptr, file.c_str(),
                               against.empty() ? nullptr : against.c_str(), &r);
   out.set("commands", json_object_new_int64(static_cast<int64_t>(r.commands)));
-  if (rc != 0) {
-    if (r.line > 0)
-      out.set("line", json_object_new_int(r.line));
-    out.fail(0, 0, rc, r.message[0] ? format("%s: %s", file.c_str(), r.message) : action + " " + file);
-    return;
-  }
-  if (action == "save") {
-    out.text("saved to %s (%zu commands)\n", file.c_str(), r.commands);
-    return;
-  }
+  if (r.line > 0)
+    out.set("line", json_object_new_int(r.line));
   const bool two_files = !against.empty();
-  if (action == "diff")
+  if (rc == 0 && action == "save")
+    out.text("saved to %s (%zu commands)\n", file.c_str(), r.commands);
+  else if (rc == 0 && action == "diff")
     out.text("%zu difference(s) between %s and %s\n", r.count, file.c_str(),
              two_files ? against.c_str() : "the detector");
-  else
+  else if (action == "apply" && r.count > 0)
     out.text("%s applied (%zu commands):\n", file.c_str(), r.commands);
-  list_entries(out, r, "snapshot", two_files ? "other" : "detector");
+  // An apply that stopped still says what it wrote.
+  if (action != "save")
+    list_entries(out, r, "snapshot", two_files ? "other" : "detector");
+  std::size_t unverified = 0;
   for (std::size_t i = 0; action == "apply" && i < r.count && r.entries != nullptr; ++i)
-    if (!r.entries[i].verified)
+    if (r.entries[i].written && !r.entries[i].verified) {
       out.fail(r.entries[i].module, r.entries[i].chip, format("%s does not read back as written", r.entries[i].name));
+      ++unverified;
+    }
+  if (rc != 0 && !(rc == VARKEL_SNAPSHOT_UNVERIFIED && unverified > 0))
+    out.fail(0, 0, rc, r.message[0] ? format("%s: %s", file.c_str(), r.message) : action + " " + file);
 }
 
 } // namespace varkel::cli
