@@ -35,6 +35,9 @@
 //                     dac.CAS, dac.TPREFA, dac.TPREFB, dac.BANDGAPOUTPUT,
 //                     dac.BANDGAPTEMPERATURE, dac.DACBIAS, dac.DACCASCODEBIAS,
 //                     dac.TEST, dac.DISCH
+// Each name's accepted values are in its `values` member. A write to every chip
+// uses the library's all-chips command where it has one (DACs, most OMR fields);
+// else it goes chip by chip, passing the chips switched off in the handle.
 // Temperatures are readings, not settings; efuse identifiers and the disabled
 // chips are kept by the snapshots only.
 #pragma once
@@ -84,8 +87,10 @@ VARKEL_API int varkel_setting_put(varkel_t* varkel, const varkel_setting_t* s, i
 // Per-handle bounds on the connect and reply time-outs, in seconds (> 0, finite).
 // Library callers who never call it keep the library's defaults (a reply waits up
 // to 600 s; a connect as long as the system lets it). Applies to connections made
-// after the call and to the module channels already open. Returns 0; -3 for a
-// bound that is not a positive finite number; errno when an open channel refuses
+// after the call and to the module channels already open; on the data-server
+// connection, to its connect and the parameters it greets with (its later
+// exchanges keep their own time-out). Returns 0; -3 for a bound that is not a
+// positive finite number (nothing changed); errno when an open channel refuses
 // the new time-out.
 VARKEL_API int varkel_set_timeouts(varkel_t* varkel, double connect_seconds, double reply_seconds);
 

@@ -5,11 +5,14 @@
 //
 // File layout:
 //   [snapshot]  format=1  model=varkelQuad  readout-mode=default
-//   [module1]   exposure=...  period=...  ...  bias.board0=15.5  efuse-id=...
-//   [module1/chip7]  gain=high  polarity=electrons  ...  dac.GND=132  disabled=0
-// Values are written as varkel_setting_format writes them; the names are those
-// of <varkel/settings.h>, plus "efuse-id" (per module) and "disabled" (per chip),
-// which are kept and compared but never written to a detector.
+//   [module1]   exposure=...  period=...  ...  bias.board0=15.5 (one per board)
+//   [module1/chip7]  disabled=0  efuse-id=1a2b3c  gain=high  ...  dac.GND=132
+// Values are written as varkel_setting_format writes them; the names are the
+// writable ones of <varkel/settings.h>, bias board by board, plus the chip's
+// "efuse-id" (hexadecimal) and "disabled" (switched off in the handle or without
+// an efuse identifier; such a chip keeps no other value). These two are compared
+// but never written to a detector. A file may leave values out: they are left
+// as they are.
 #pragma once
 
 #include <stddef.h>
@@ -43,6 +46,9 @@ typedef struct {
   varkel_snapshot_entry_t* entries;
   size_t commands; // commands sent to the controllers by this call (apply/save)
 } varkel_snapshot_report_t;
+
+// `report` (may be NULL) starts zero-initialised; each call frees the entries an
+// earlier call left in it.
 
 // Reads back every setting of every module and chip (one worker per module) and
 // writes the snapshot to `path`. Returns 0, the first failing read-back's code, or
