@@ -1,5 +1,6 @@
 // get, put and config: the library's readable names and its snapshots.
 #include <cstdlib>
+#include <cstring>
 #include <set>
 
 #include "commands.hpp"
@@ -41,7 +42,12 @@ std::string setting_names_help()
   for (int i = 0; i < varkel_settings_count(); ++i) {
     const varkel_setting_t* s = varkel_setting_at(i);
     const char* scope = s->scope >= 0 && s->scope <= 2 ? kScope[s->scope] : "";
-    help += format("  %-22s %-28s %s (%s%s)\n", s->name, s->values, s->help, scope, s->writable ? "" : ", read-only");
+    const std::string about = format("%s (%s%s)", s->help, scope, s->writable ? "" : ", read-only");
+    // Long lists of value names get a line of their own.
+    if (std::strlen(s->values) > 28)
+      help += format("  %-22s %-28s %s\n  %-22s %s\n", s->name, "", about.c_str(), "", s->values);
+    else
+      help += format("  %-22s %-28s %s\n", s->name, s->values, about.c_str());
   }
   return help;
 }
@@ -184,15 +190,18 @@ void put(Detector& d, Output& out, const std::string& name, const std::string& t
   out.set("text", json_text(shown(s, value)));
   json_object* list = json_object_new_array();
   out.set("written", list);
+  std::string where;
   for (const Place& p : places(d, s, at, false)) {
     if (const int rc = varkel_setting_put(d.handle(), s, p.module, p.chip, value); rc != 0) {
       out.fail(p.module, p.chip, rc, "put " + name);
       continue;
     }
     json_object_array_add(list, place_json(p));
-    out.text("%s = %s on %s%s\n", s->name, shown(s, value).c_str(), place_text(p).c_str(),
-             s->scope == VARKEL_SETTING_CHIP && p.chip == 0 ? ", every chip" : "");
+    where += (where.empty() ? "" : ", ") + place_text(p);
   }
+  if (!where.empty())
+    out.text("%s = %s on %s%s\n", s->name, shown(s, value).c_str(), where.c_str(),
+             s->scope == VARKEL_SETTING_CHIP && at.chip == 0 ? " (every chip)" : "");
 }
 
 // ---- config ----
@@ -269,15 +278,22 @@ void config(Detector& d, Output& out, const std::string& action, const std::stri
     out.text("%s applied (%zu commands):\n", file.c_str(), r.commands);
   // An apply that stopped still says what it wrote.
   if (action != "save")
-    list_entries(out, r, "snapshot", two_files ? "other" : "detector");
+    list_entries(out, r, "snapshot", two_files ? "other" : action == "apply" ? "read-back" : "detector");
   std::size_t unverified = 0;
   for (std::size_t i = 0; action == "apply" && i < r.count && r.entries != nullptr; ++i)
     if (r.entries[i].written && !r.entries[i].verified) {
       out.fail(r.entries[i].module, r.entries[i].chip, format("%s does not read back as written", r.entries[i].name));
       ++unverified;
     }
-  if (rc != 0 && !(rc == VARKEL_SNAPSHOT_UNVERIFIED && unverified > 0))
-    out.fail(0, 0, rc, r.message[0] ? format("%s: %s", file.c_str(), r.message) : action + " " + file);
+  if (rc == 0 || (rc == VARKEL_SNAPSHOT_UNVERIFIED && unverified > 0))
+    return;
+  // The refusal of a two-file diff does not say which file it is about: the
+  // first is checked alone.
+  std::string refused = file;
+  Report alone;
+  if (two_files && varkel_snapshot_diff(nullptr, file.c_str(), file.c_str(), &alone) == 0)
+    refused = against;
+  out.fail(0, 0, rc, r.message[0] ? format("%s: %s", refused.c_str(), r.message) : action + " " + file);
 }
 
 } // namespace varkel::cli
