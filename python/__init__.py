@@ -1,0 +1,85 @@
+"""Python access to a varkel detector, and the simulated detector to try it on.
+
+    import varkel
+    varkel.redirect_library_output("/dev/null")  # the library's own trace
+    with varkel.Simulator("quad") as sim, varkel.Detector("quad") as det:
+        det.connect(sim)
+        det.exposure = 0.05
+        det.acquire(exposures=1)
+        image = det.frame()
+
+Addressing: a property of the Detector writes every module (and, for the OMR
+fields, every chip) and reads module 1 (its first working chip);
+``det.module(n)`` addresses module n alone and ``det.chip(module, chip)``, also
+``det.dacs[module, chip]``, one chip by its number 1..36 (1-12 on board 2,
+13-24 on board 1, 25-36 on board 0), with its DACs by name: ``chip["GND"]``.
+
+Every non-zero result of the library raises ``varkel.Error`` with ``.code``;
+every call that talks to the detector releases the GIL, and one Detector serves
+one call at a time, whichever thread makes it.
+"""
+
+import enum
+import os
+import sys
+
+from ._varkel import DAC_NAMES, Chip, Detector, Error, Module, Simulator, save_png
+from . import _varkel
+
+__all__ = [
+    "Chip", "CounterDepth", "DAC_NAMES", "Detector", "Error", "Gain", "ImageMode", "Module",
+    "ReadoutMode", "Simulator", "TriggerMode", "redirect_library_output", "save_png",
+]
+
+
+class TriggerMode(enum.IntEnum):
+    INTERNAL = 0
+    EXTERNAL_POS_EDGE = 1
+    EXTERNAL_NEG_EDGE = 2
+
+
+class ImageMode(enum.IntEnum):
+    SINGLE = 0
+    MULTIPLE = 1
+    CONTINUOUS = 2
+    THRESHOLD = 3
+
+
+class ReadoutMode(enum.IntEnum):
+    DEFAULT = 0
+    CRW = 1
+    BITS24 = 2
+    DUAL_ENERGY = 3
+
+
+class Gain(enum.IntEnum):
+    SUPER_HIGH = 0
+    LOW = 1
+    HIGH = 2
+    SUPER_LOW = 3
+
+
+class CounterDepth(enum.IntEnum):
+    BITS1 = 0
+    BITS12 = 1
+    BITS6 = 2
+    BITS24 = 3
+
+
+def redirect_library_output(path):
+    """Sends what the library prints (descriptors 1 and 2) to the file `path`;
+    "/dev/null" drops it. Python's sys.stdout and sys.stderr, when they write to
+    those descriptors, are moved to the terminal's copies and keep printing there.
+    """
+    for stream in (sys.stdout, sys.stderr):
+        stream.flush()
+    copies = _varkel._redirect_library_output(os.fspath(path))
+    for name, fd, copy in (("stdout", 1, copies[0]), ("stderr", 2, copies[1])):
+        stream = getattr(sys, name)
+        try:
+            on_fd = stream.fileno() == fd
+        except (AttributeError, OSError, ValueError):
+            on_fd = False
+        if on_fd:
+            setattr(sys, name, open(os.dup(copy), "w", buffering=1, encoding=stream.encoding,
+                                    errors=stream.errors))

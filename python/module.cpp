@@ -1,0 +1,693 @@
+// The varkel Python package: a Detector owns one varkel_t, calls the library with
+// the GIL released and one call at a time, and raises varkel.Error for every
+// non-zero result. A Simulator runs the virtual detector in this process.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <strings.h>
+#include <thread>
+#include <unistd.h>
+
+#include "common/console.hpp"
+#include "common/picture.hpp"
+#include "common/simulated.hpp"
+#include "fields.hpp"
+#include "utils.h"
+#include "varkel.h"
+
+namespace py = pybind11;
+using namespace varkel::python;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+py::handle error_type; // varkel.Error, created at import
+
+[[noreturn]] void raise_error(int rc)
+{
+  py::object e = error_type(varkel_error_string(rc));
+  e.attr("code") = rc;
+  PyErr_SetObject(error_type.ptr(), e.ptr());
+  throw py::error_already_set();
+}
+
+void check(int rc)
+{
+  if (rc != 0)
+    raise_error(rc);
+}
+
+[[noreturn]] void raise_os_error(int err, const std::string& path)
+{
+  errno = err;
+  PyErr_SetFromErrnoWithFilename(PyExc_OSError, path.c_str());
+  throw py::error_already_set();
+}
+
+// A cached float as the shortest decimal that reads back as it: 0.05, not
+// 0.05000000074505806.
+double shortest(double cached)
+{
+  char text[32];
+  const auto end = std::to_chars(text, text + sizeof text, static_cast<float>(cached)).ptr;
+  double x = cached;
+  std::from_chars(text, end, x);
+  return x;
+}
+
+py::object to_python(Kind kind, double x)
+{
+  switch (kind) {
+  case Kind::real:
+    return py::float_(shortest(x));
+  case Kind::boolean:
+    return py::bool_(x != 0);
+  default:
+    return py::int_(static_cast<long long>(x));
+  }
+}
+
+// Integers stay integers: a float for an integer setting is a TypeError, not a
+// silent truncation.
+double from_python(Kind kind, py::handle value)
+{
+  return kind == Kind::real ? value.cast<double>() : static_cast<double>(value.cast<int>());
+}
+
+// Whether chip number `chip` (1..36) is mounted on the model.
+bool on_model(const varkel_t* v, int chip)
+{
+  return chip >= 1 && chip <= 36 && 2 - (chip - 1) / 12 < v->max_num_boards && (chip - 1) % 12 < v->max_num_chips;
+}
+
+bool working(const varkel_t* v, int module, int chip)
+{
+  return on_model(v, chip) && !v->sensor_disabled[module - 1][chip - 1];
+}
+
+// Points the main channel at a module and, when `chip` is not 0, at one of its chips.
+int select(varkel_t* v, int module, int chip)
+{
+  int rc = select_module(v, module);
+  if (rc == 0 && chip != 0)
+    rc = select_chipNumber(v, chip);
+  return rc;
+}
+
+varkel_dac_t dac_number(py::handle dac)
+{
+  if (py::isinstance<py::str>(dac)) {
+    const std::string name = dac.cast<std::string>();
+    for (std::size_t i = 0; i < kDacNames.size(); ++i)
+      if (strcasecmp(name.c_str(), std::string(kDacNames[i]).c_str()) == 0)
+        return static_cast<varkel_dac_t>(i + 1);
+    throw py::key_error("no DAC named " + name);
+  }
+  return static_cast<varkel_dac_t>(dac.cast<int>()); // a number: the library judges it
+}
+
+// The handle's pixel copy; outlives the handle while numpy views of it exist.
+struct FramePixels {
+  int32_t* pixels = nullptr;
+  ~FramePixels() { std::free(pixels); }
+};
+
+// Only one acquisition per process can be timed (the library's interval timer).
+std::mutex acquisition_timer;
+
+class Simulator {
+public:
+  Simulator(const std::string& model, unsigned latency_us, const std::vector<std::pair<int, int>>& missing_chips,
+            uint16_t port, uint16_t data_port)
+  {
+    const auto m = varkel::sim::parse_model(model);
+    if (!m)
+      throw py::value_error("unknown model " + model + " (kinlet, lite, trio or quad)");
+    varkel::sim::Options o;
+    o.model = *m;
+    o.port = port;
+    o.data_port = data_port;
+    o.latency = std::chrono::microseconds(latency_us);
+    for (const auto& [module, chip] : missing_chips)
+      o.missing.push_back({module, chip});
+    running_ = varkel::tools::start_simulator(std::move(o));
+  }
+
+  const varkel::tools::SimulatedDetector& running() const
+  {
+    if (!running_.sim)
+      throw py::value_error("the simulator is closed");
+    return running_;
+  }
+  varkel_detector_model_t model() const { return running().sim->options().model; }
+  std::vector<std::pair<std::string, uint16_t>> modules() const
+  {
+    std::vector<std::pair<std::string, uint16_t>> out;
+    for (const auto& e : running().modules)
+      out.emplace_back(e.host, e.port);
+    return out;
+  }
+  std::pair<std::string, uint16_t> data_server() const
+  {
+    return {running().data_server.host, running().data_server.port};
+  }
+  void close()
+  {
+    py::gil_scoped_release nogil;
+    running_.sim.reset();
+  }
+
+private:
+  varkel::tools::SimulatedDetector running_;
+};
+
+class Detector : public std::enable_shared_from_this<Detector> {
+public:
+  explicit Detector(const std::string& model)
+  {
+    const auto m = varkel::sim::parse_model(model);
+    if (!m)
+      throw py::value_error("unknown model " + model + " (kinlet, lite, trio or quad)");
+    v_ = varkel_new(*m);
+    if (v_ == nullptr)
+      throw std::bad_alloc();
+    frame_ = std::make_shared<FramePixels>();
+    frame_->pixels = v_->sample_frame;
+  }
+  ~Detector() { release(); }
+  Detector(const Detector&) = delete;
+  Detector& operator=(const Detector&) = delete;
+
+  // Runs `call` on the handle without the GIL, one call at a time: a channel
+  // carries one query at a time, whichever Python thread asks.
+  template <typename F> auto run(F&& call)
+  {
+    if (v_ == nullptr)
+      throw py::value_error("the detector is closed");
+    py::gil_scoped_release nogil;
+    std::lock_guard lock(mutex_);
+    return call(v_);
+  }
+  template <typename F> void exec(F&& call) { check(run(std::forward<F>(call))); }
+
+  void close()
+  {
+    py::gil_scoped_release nogil;
+    std::lock_guard lock(mutex_);
+    release();
+  }
+
+  const varkel_t& handle() const
+  {
+    if (v_ == nullptr)
+      throw py::value_error("the detector is closed");
+    return *v_;
+  }
+
+  void connect_backend(const std::string& host, uint16_t port)
+  {
+    exec([&](varkel_t* v) { return varkel_connect_backend(v, host.c_str(), port); });
+  }
+
+  void connect_modules(const std::vector<std::pair<std::string, uint16_t>>& modules)
+  {
+    if (modules.size() != handle().max_num_modules)
+      throw py::value_error("the model has " + std::to_string(handle().max_num_modules) + " module(s), " +
+                            std::to_string(modules.size()) + " address(es) given");
+    std::vector<const char*> hosts;
+    std::vector<uint16_t> ports;
+    for (const auto& [host, port] : modules) {
+      hosts.push_back(host.c_str());
+      ports.push_back(port);
+    }
+    exec([&](varkel_t* v) { return varkel_connect(v, hosts.data(), ports.data()); });
+  }
+
+  void connect_simulator(const Simulator& sim)
+  {
+    const auto ds = sim.data_server();
+    run([](varkel_t* v) { return v->simulate = 1; }); // the simulator's shared-memory names
+    connect_backend(ds.first, ds.second);
+    connect_modules(sim.modules());
+  }
+
+  // Module 0 is the whole detector; chip 0 every chip of the module(s) for a write,
+  // the module's first working chip for a read. The detector's value goes to each
+  // module in turn (stopping at the first failure) unless the library has a setter
+  // over all of them.
+  void set_field(const Field& f, int module, int chip, py::handle value)
+  {
+    const double x = from_python(f.kind, value);
+    exec([&](varkel_t* v) {
+      if (f.scope == Scope::chip && chip == 0) {
+        const int rc = module == 0 ? 0 : select_module(v, module);
+        return rc != 0 ? rc
+                       : set_omr(v, f.omr, static_cast<int>(x),
+                                 module == 0 ? VARKEL_SEND_ALL_CHIPS_ALL_MODULES : VARKEL_SEND_ALL_CHIPS_ONE_MODULE);
+      }
+      if (module == 0 && f.write_all != nullptr)
+        return f.write_all(v, x);
+      for (int m = module == 0 ? 1 : module; m <= (module == 0 ? v->max_num_modules : module); ++m) {
+        int rc = select(v, m, chip);
+        if (rc == 0)
+          rc = f.write(v, x);
+        if (rc != 0)
+          return rc;
+      }
+      return 0;
+    });
+  }
+
+  py::object get_field(const Field& f, int module, int chip)
+  {
+    double x = 0;
+    exec([&](varkel_t* v) {
+      const int m = module == 0 ? 1 : module;
+      int c = f.scope == Scope::chip ? chip : 0;
+      for (int n = 1; c == 0 && f.scope == Scope::chip && n <= 36; ++n)
+        c = m <= v->max_num_modules && working(v, m, n) ? n : 0;
+      int rc = select(v, m, f.scope == Scope::chip && c == 0 ? -1 : c);
+      if (rc == 0)
+        rc = f.read(v);
+      x = f.cached(v);
+      return rc;
+    });
+    return to_python(f.kind, x);
+  }
+
+  void set_readout_mode(int mode)
+  {
+    exec([&](varkel_t* v) { return set_medipix_mode(v, static_cast<varkel_medipix_mode_t>(mode)); });
+    readout_mode_ = mode;
+  }
+  std::optional<int> readout_mode() const { return readout_mode_; }
+
+  // The code (digital) or the voltage (analog) of one DAC of one chip.
+  double dac(int module, int chip, py::handle dac, bool analog)
+  {
+    const varkel_dac_t d = dac_number(dac);
+    double value = 0;
+    exec([&](varkel_t* v) {
+      int rc = select(v, module, chip);
+      if (rc == 0)
+        rc = get_dac(v, analog ? ANALOG_READ_SINGLE_DAC : DIGITAL_READ_SINGLE_DAC, d);
+      if (rc == 0 && (d < 1 || d > 31))
+        rc = -4;
+      if (rc == 0)
+        value = analog ? v->analog_dac_values[chip - 1][d - 1] : v->digital_dac_values[chip - 1][d - 1];
+      return rc;
+    });
+    return analog ? shortest(value) : value;
+  }
+
+  void set_dac_value(int module, int chip, py::handle dac, int value)
+  {
+    const varkel_dac_t d = dac_number(dac);
+    exec([&](varkel_t* v) {
+      const int rc = select(v, module, chip);
+      return rc != 0 ? rc : set_dac(v, d, value, VARKEL_SEND_ONE_CHIP_ONE_MODULE);
+    });
+  }
+
+  // Chip positions without an efuse id are switched off: (module, chip number) of each.
+  std::vector<std::pair<int, int>> check_chips()
+  {
+    exec(check_and_disable_sensors);
+    return disabled_chips();
+  }
+  std::vector<std::pair<int, int>> disabled_chips() const
+  {
+    std::vector<std::pair<int, int>> off;
+    const varkel_t& v = handle();
+    for (int m = 1; m <= v.max_num_modules; ++m)
+      for (int c = 1; c <= 36; ++c)
+        if (on_model(&v, c) && v.sensor_disabled[m - 1][c - 1])
+          off.emplace_back(m, c);
+    return off;
+  }
+
+  // Scans `dac` chip by chip (the chips switched off are passed by) and reads back
+  // the code the library chose and its voltage: {(module, chip): (code, volts)}.
+  py::dict scan(py::handle dac, int initial, int final, int step, int module, int chip)
+  {
+    const varkel_dac_t d = dac_number(dac);
+    struct Point {
+      int module, chip, code;
+      float volts;
+    };
+    std::vector<Point> points;
+    exec([&](varkel_t* v) {
+      for (int m = 1; m <= v->max_num_modules; ++m)
+        for (int c = 1; c <= 36; ++c) {
+          if ((module != 0 && m != module) || (chip != 0 && c != chip) || (chip == 0 && !working(v, m, c)))
+            continue;
+          int rc = select(v, m, c);
+          rc = rc != 0 ? rc : US_DAC_Scan(v, d, initial, final, step, VARKEL_SEND_ONE_CHIP_ONE_MODULE);
+          rc = rc != 0 ? rc : get_dac(v, DIGITAL_READ_SINGLE_DAC, d) | get_dac(v, ANALOG_READ_SINGLE_DAC, d);
+          if (rc != 0)
+            return rc;
+          points.push_back({m, c, v->digital_dac_values[c - 1][d - 1], v->analog_dac_values[c - 1][d - 1]});
+        }
+      return points.empty() ? -7 : 0; // nothing to scan: no such module or chip
+    });
+    py::dict out;
+    for (const Point& p : points)
+      out[py::make_tuple(p.module, p.chip)] = py::make_tuple(p.code, shortest(p.volts));
+    return out;
+  }
+
+  void load_dac_files(const std::string& index)
+  {
+    exec([&](varkel_t* v) { return configure_module_dacs_with_file(v, index.c_str()); });
+  }
+
+  // {"average": (modules,), "boards": (modules, boards, 16), "chips": (modules, 36)},
+  // NaN for the chips the model lacks or that are switched off.
+  py::dict temperatures()
+  {
+    exec([](varkel_t* v) {
+      int rc = US_GetTemperature(v) | US_GetMFBTemperature(v);
+      for (int m = 1; m <= v->max_num_modules; ++m) {
+        // Its code is that of the last chip number it reads, which fails when
+        // that chip is off or missing.
+        const int read = getChip_Temperature(v, m);
+        rc |= working(v, m, std::min<int>(v->num_all_chips, 36)) ? read : 0;
+      }
+      return rc;
+    });
+    const varkel_t& v = handle();
+    const py::ssize_t modules = v.max_num_modules, boards = v.max_num_boards;
+    py::array_t<float> average(modules), board({modules, boards, py::ssize_t{16}}), chips({modules, py::ssize_t{36}});
+    for (py::ssize_t m = 0; m < modules; ++m) {
+      average.mutable_at(m) = v.varkelParam.avg_chip_temperature[m];
+      for (py::ssize_t b = 0; b < boards; ++b)
+        for (py::ssize_t s = 0; s < 16; ++s)
+          board.mutable_at(m, b, s) = v.varkelParam.mfb_temperature[m][b * 16 + s];
+      for (int c = 1; c <= 36; ++c)
+        chips.mutable_at(m, c - 1) =
+            working(&v, static_cast<int>(m) + 1, c) ? v.varkelParam.allchip_temperature[m][c - 1] : NAN;
+    }
+    py::dict out;
+    out["average"] = average;
+    out["boards"] = board;
+    out["chips"] = chips;
+    return out;
+  }
+
+  // Sets what is given, prepares the data server when one is connected, starts
+  // and polls until the controller is done, calling progress(fraction) between
+  // polls. Stops the detector on a timeout, an exception or Ctrl-C.
+  void acquire(std::optional<double> exposure, std::optional<double> period, std::optional<int> exposures,
+               py::object progress, std::optional<double> timeout)
+  {
+    const Field& exposure_field = field("exposure");
+    const Field& period_field = field("period");
+    // A longer period goes first, so that a longer exposure fits it.
+    const bool period_first = period && *period > handle().acquireParam.acquirePeriod;
+    if (period && period_first)
+      set_field(period_field, 0, 0, py::float_(*period));
+    if (exposure)
+      set_field(exposure_field, 0, 0, py::float_(*exposure));
+    if (period && !period_first)
+      set_field(period_field, 0, 0, py::float_(*period));
+    if (exposures)
+      set_field(field("exposures"), 0, 0, py::int_(*exposures));
+    exec([](varkel_t* v) {
+      if (v->backend_socket < 0)
+        return 0;
+      return v->detModel == varkelTrio || v->detModel == varkelQuad ? prepare_varkel(v) : prepare_backend(v);
+    });
+
+    std::unique_lock timer(acquisition_timer, std::defer_lock);
+    {
+      py::gil_scoped_release nogil;
+      timer.lock();
+    }
+    const varkel_acquire_params_t& p = handle().acquireParam;
+    const double expected = std::max(p.numExposures * std::max<double>(p.acquireTime, p.acquirePeriod), 1e-3);
+    const double limit = timeout.value_or(2 * expected + 10);
+    exec(execute_acquire);
+    const auto t0 = Clock::now();
+    bool late = false;
+    try {
+      while (!late && run(status_acquire) != DONE_ACQ) {
+        const double elapsed = std::chrono::duration<double>(Clock::now() - t0).count();
+        if (!progress.is_none())
+          progress(std::min(elapsed / expected, 1.0));
+        if (PyErr_CheckSignals() != 0)
+          throw py::error_already_set();
+        late = elapsed > limit;
+        py::gil_scoped_release nogil;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      }
+    } catch (...) {
+      run(stop_acquire);
+      throw;
+    }
+    if (late) {
+      run(stop_acquire);
+      PyErr_SetString(PyExc_TimeoutError, "the detector is still acquiring");
+      throw py::error_already_set();
+    }
+    if (!progress.is_none())
+      progress(1.0);
+  }
+
+  void stop()
+  {
+    const int rc = run(stop_acquire);
+    check(rc == STOPPED ? 0 : rc);
+  }
+
+  // A copy of the data server's sample frame: placed on the detector face (trio
+  // and quad), or the handle's own copy in chip order, read-only, valid until the
+  // next frame().
+  py::array frame(bool placed)
+  {
+    std::optional<varkel::tools::Face> face;
+    exec([&](varkel_t* v) {
+      const bool has_segment = v->detModel == varkelTrio || v->detModel == varkelQuad;
+      int rc = has_segment && v->adata.sample_frame == nullptr ? init_array_data(v) : 0;
+      rc = rc != 0 ? rc : get_array_data(v);
+      if (rc == 0 && placed)
+        face = varkel::tools::place_on_face(v, v->sample_frame);
+      return rc;
+    });
+    if (placed) {
+      auto* f = new varkel::tools::Face(std::move(face.value()));
+      py::capsule owner(f, [](void* p) { delete static_cast<varkel::tools::Face*>(p); });
+      return py::array_t<int32_t>({f->height, f->width}, f->pixels.data(), owner);
+    }
+    const varkel_t& v = handle();
+    auto* keep = new std::shared_ptr<FramePixels>(frame_);
+    py::capsule owner(keep, [](void* p) { delete static_cast<std::shared_ptr<FramePixels>*>(p); });
+    py::array_t<int32_t> view({py::ssize_t{v.max_num_modules}, py::ssize_t{v.max_num_boards},
+                               py::ssize_t{v.max_num_chips}, py::ssize_t{256}, py::ssize_t{256}},
+                              frame_->pixels, owner);
+    view.attr("flags").attr("writeable") = false;
+    return view;
+  }
+
+  static const Field& field(std::string_view name)
+  {
+    return *std::find_if(kFields.begin(), kFields.end(), [&](const Field& f) { return f.name == name; });
+  }
+
+private:
+  void release()
+  {
+    if (v_ == nullptr)
+      return;
+    v_->sample_frame = nullptr; // frame_ frees it once no view is left
+    varkel_delete(v_);
+    v_ = nullptr;
+  }
+
+  varkel_t* v_ = nullptr;
+  std::mutex mutex_;
+  std::shared_ptr<FramePixels> frame_;
+  std::optional<int> readout_mode_;
+};
+
+// One module, or one chip of a module, of a detector: the same settings, addressed.
+struct Module {
+  std::shared_ptr<Detector> det;
+  int module;
+};
+struct Chip {
+  std::shared_ptr<Detector> det;
+  int module, chip;
+};
+// det.chips[module, chip]
+struct Chips {
+  std::shared_ptr<Detector> det;
+};
+
+Detector& detector_of(Detector& d) { return d; }
+Detector& detector_of(Module& m) { return *m.det; }
+Detector& detector_of(Chip& c) { return *c.det; }
+std::pair<int, int> address_of(const Detector&) { return {0, 0}; }
+std::pair<int, int> address_of(const Module& m) { return {m.module, 0}; }
+std::pair<int, int> address_of(const Chip& c) { return {c.module, c.chip}; }
+
+// A property per setting of the table that the view can address.
+template <typename View, typename... Extra> void add_fields(py::class_<View, Extra...>& cls, bool module_scope)
+{
+  for (const Field& f : kFields) {
+    if (f.scope == Scope::module && !module_scope)
+      continue;
+    cls.def_property(f.name, py::cpp_function([&f](View& view) {
+                       const auto [m, c] = address_of(view);
+                       return detector_of(view).get_field(f, m, c);
+                     }),
+                     py::cpp_function([&f](View& view, py::handle value) {
+                       const auto [m, c] = address_of(view);
+                       detector_of(view).set_field(f, m, c, value);
+                     }),
+                     f.doc);
+  }
+}
+
+Module module_of(Detector& d, int module)
+{
+  if (module < 1 || module > d.handle().max_num_modules)
+    throw py::index_error("no module " + std::to_string(module));
+  return {d.shared_from_this(), module};
+}
+
+Chip chip_of(Detector& d, int module, int chip)
+{
+  module_of(d, module);
+  if (!on_model(&d.handle(), chip))
+    throw py::index_error("no chip number " + std::to_string(chip) + " on this model");
+  return {d.shared_from_this(), module, chip};
+}
+
+// Descriptors 1 and 2 go to the log; returns copies of the terminal's standard
+// output and error, for Python's own streams.
+std::pair<int, int> redirect_library_output(const std::string& path)
+{
+  static varkel::tools::Console console;
+  static int error_copy = -1;
+  std::fflush(stdout);
+  if (console.out != stdout) { // redirected before: back to the terminal first
+    dup2(fileno(console.out), STDOUT_FILENO);
+    dup2(error_copy, STDERR_FILENO);
+    std::fclose(console.out);
+    close(error_copy);
+    console = {};
+  }
+  error_copy = dup(STDERR_FILENO);
+  if (error_copy < 0 || !console.redirect_library_output(path)) {
+    const int err = errno;
+    if (error_copy >= 0)
+      close(error_copy);
+    raise_os_error(err, path);
+  }
+  return {fileno(console.out), error_copy};
+}
+
+void save_png(const std::string& path, py::array_t<int32_t, py::array::c_style | py::array::forcecast> image, int bin)
+{
+  if (image.ndim() != 2 || bin < 1)
+    throw py::value_error("a 2-D image and a bin of 1 or more");
+  const auto height = static_cast<int>(image.shape(0)), width = static_cast<int>(image.shape(1));
+  const std::span<const int32_t> pixels(image.data(), static_cast<std::size_t>(image.size()));
+  bool ok = false;
+  {
+    py::gil_scoped_release nogil;
+    ok = varkel::tools::write_png(path, varkel::tools::shade(pixels, width, height, bin));
+  }
+  if (!ok)
+    raise_os_error(errno, path);
+}
+
+} // namespace
+
+PYBIND11_MODULE(_varkel, m)
+{
+  m.doc() = "Bindings of the varkel detector library; use the varkel package.";
+  error_type = PyErr_NewExceptionWithDoc("varkel.Error", "A non-zero result of the library; .code holds it.",
+                                         PyExc_RuntimeError, nullptr);
+  m.attr("Error") = py::handle(error_type);
+
+  py::class_<Simulator>(m, "Simulator")
+      .def(py::init<const std::string&, unsigned, const std::vector<std::pair<int, int>>&, uint16_t, uint16_t>(),
+           py::arg("model") = "quad", py::arg("latency_us") = 0,
+           py::arg("missing_chips") = std::vector<std::pair<int, int>>{}, py::arg("port") = 0, py::arg("data_port") = 0)
+      .def_property_readonly("model", [](const Simulator& s) { return varkel::sim::model_name(s.model()); })
+      .def_property_readonly("modules", &Simulator::modules, "(host, port) of each module's controller")
+      .def_property_readonly("data_server", &Simulator::data_server, "(host, port) of the data server")
+      .def("close", &Simulator::close)
+      .def("__enter__", [](Simulator& s) -> Simulator& { return s; })
+      .def("__exit__", [](Simulator& s, py::args) { s.close(); });
+
+  py::class_<Detector, std::shared_ptr<Detector>> det(m, "Detector");
+  det.def(py::init<const std::string&>(), py::arg("model") = "quad")
+      .def_property_readonly("model", [](Detector& d) { return varkel::sim::model_name(d.handle().detModel); })
+      .def_property_readonly("modules", [](Detector& d) { return d.handle().max_num_modules; })
+      .def("connect_backend", &Detector::connect_backend, py::arg("host"), py::arg("port"))
+      .def("connect", &Detector::connect_simulator, py::arg("simulator"))
+      .def("connect", &Detector::connect_modules, py::arg("modules"))
+      .def("close", &Detector::close)
+      .def("__enter__", [](Detector& d) -> Detector& { return d; })
+      .def("__exit__", [](Detector& d, py::args) { d.close(); })
+      .def_property("readout_mode", &Detector::readout_mode, &Detector::set_readout_mode)
+      .def("module", &module_of, py::arg("module"))
+      .def("chip", &chip_of, py::arg("module"), py::arg("chip"))
+      .def_property_readonly("chips", [](Detector& d) { return Chips{d.shared_from_this()}; })
+      .def_property_readonly("dacs", [](Detector& d) { return Chips{d.shared_from_this()}; })
+      .def("check_chips", &Detector::check_chips)
+      .def_property_readonly("disabled_chips", &Detector::disabled_chips)
+      .def("scan", &Detector::scan, py::arg("dac"), py::arg("initial") = 0, py::arg("final") = 255, py::arg("step") = 4,
+           py::arg("module") = 0, py::arg("chip") = 0)
+      .def("load_dac_files", &Detector::load_dac_files, py::arg("index"))
+      .def("temperatures", &Detector::temperatures)
+      .def("acquire", &Detector::acquire, py::kw_only(), py::arg("exposure") = py::none(),
+           py::arg("period") = py::none(), py::arg("exposures") = py::none(), py::arg("progress") = py::none(),
+           py::arg("timeout") = py::none())
+      .def("stop", &Detector::stop)
+      .def("frame", &Detector::frame, py::arg("placed") = true);
+  add_fields(det, true);
+
+  py::class_<Module> module(m, "Module");
+  module.def_readonly("number", &Module::module).def("chip", [](Module& x, int chip) {
+    return chip_of(*x.det, x.module, chip);
+  });
+  add_fields(module, true);
+
+  py::class_<Chip> chip(m, "Chip");
+  chip.def_readonly("module", &Chip::module)
+      .def_readonly("number", &Chip::chip)
+      .def("__getitem__",
+           [](Chip& c, py::handle dac) { return static_cast<int>(c.det->dac(c.module, c.chip, dac, false)); })
+      .def("__setitem__",
+           [](Chip& c, py::handle dac, int value) { c.det->set_dac_value(c.module, c.chip, dac, value); })
+      .def(
+          "voltage", [](Chip& c, py::handle dac) { return c.det->dac(c.module, c.chip, dac, true); }, py::arg("dac"));
+  add_fields(chip, false);
+
+  py::class_<Chips>(m, "Chips").def("__getitem__", [](Chips& c, std::pair<int, int> at) {
+    return chip_of(*c.det, at.first, at.second);
+  });
+
+  m.attr("DAC_NAMES") = [] {
+    py::list names;
+    for (auto n : kDacNames)
+      names.append(py::str(n.data(), n.size()));
+    return names;
+  }();
+  m.def("save_png", &save_png, py::arg("path"), py::arg("image"), py::arg("bin") = 4);
+  m.def("_redirect_library_output", &redirect_library_output, py::arg("path"));
+}
