@@ -80,9 +80,13 @@ py::object to_python(Kind kind, double x)
 
 // Integers stay integers: a float for an integer setting is a TypeError, not a
 // silent truncation.
-double from_python(Kind kind, py::handle value)
+double from_python(const Field& f, py::handle value)
 {
-  return kind == Kind::real ? value.cast<double>() : static_cast<double>(value.cast<int>());
+  try {
+    return f.kind == Kind::real ? value.cast<double>() : static_cast<double>(value.cast<int>());
+  } catch (const py::cast_error&) {
+    throw py::type_error(std::string(f.name) + (f.kind == Kind::real ? " takes a number" : " takes an integer"));
+  }
 }
 
 // Whether chip number `chip` (1..36) is mounted on the model.
@@ -248,7 +252,7 @@ public:
   // over all of them.
   void set_field(const Field& f, int module, int chip, py::handle value)
   {
-    const double x = from_python(f.kind, value);
+    const double x = from_python(f, value);
     exec([&](varkel_t* v) {
       if (f.scope == Scope::chip && chip == 0) {
         const int rc = module == 0 ? 0 : select_module(v, module);
@@ -299,14 +303,18 @@ public:
     const varkel_dac_t d = dac_number(dac);
     double value = 0;
     exec([&](varkel_t* v) {
+      if (d < 1 || d > 31)
+        return -4;
+      int32_t& code = v->digital_dac_values[chip - 1][d - 1];
+      float& volts = v->analog_dac_values[chip - 1][d - 1];
+      // The library keeps its cache when the reply does not parse (an error text
+      // of the controller): a value still marked unread was not answered.
+      analog ? volts = NAN : code = INT32_MIN;
       int rc = select(v, module, chip);
       if (rc == 0)
         rc = get_dac(v, analog ? ANALOG_READ_SINGLE_DAC : DIGITAL_READ_SINGLE_DAC, d);
-      if (rc == 0 && (d < 1 || d > 31))
-        rc = -4;
-      if (rc == 0)
-        value = analog ? v->analog_dac_values[chip - 1][d - 1] : v->digital_dac_values[chip - 1][d - 1];
-      return rc;
+      value = analog ? volts : code;
+      return rc != 0 ? rc : (analog ? std::isnan(volts) : code == INT32_MIN) ? -2 : 0;
     });
     return analog ? shortest(value) : value;
   }
@@ -462,6 +470,14 @@ public:
     }
     if (!progress.is_none())
       progress(1.0);
+  }
+
+  void define_master(int module, bool external, int others)
+  {
+    exec([&](varkel_t* v) {
+      return define_master_module(v, static_cast<uint8_t>(module), external,
+                                  static_cast<varkel_trigger_mode_t>(others));
+    });
   }
 
   void stop()
@@ -657,6 +673,9 @@ PYBIND11_MODULE(_varkel, m)
       .def("acquire", &Detector::acquire, py::kw_only(), py::arg("exposure") = py::none(),
            py::arg("period") = py::none(), py::arg("exposures") = py::none(), py::arg("progress") = py::none(),
            py::arg("timeout") = py::none())
+      .def("define_master", &Detector::define_master, py::arg("module") = 1, py::arg("external") = false,
+           py::arg("trigger_mode") = static_cast<int>(VARKEL_TRIGGER_MODE_EXTERNAL_POS_EDGE),
+           "Module `module` leads with its shutter output; the others start on its edge.")
       .def("stop", &Detector::stop)
       .def("frame", &Detector::frame, py::arg("placed") = true);
   add_fields(det, true);
