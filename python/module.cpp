@@ -515,6 +515,18 @@ public:
     return view;
   }
 
+  // What a read of det.exposure does, `count` times, straight from C: the
+  // baseline of bench/python_call.py.
+  void read_back_in_c(int count)
+  {
+    exec([&](varkel_t* v) {
+      int rc = 0;
+      for (int i = 0; i < count && rc == 0; ++i)
+        rc = select_module(v, 1) | US_AcquireTime_RBV(v);
+      return rc;
+    });
+  }
+
   static const Field& field(std::string_view name)
   {
     return *std::find_if(kFields.begin(), kFields.end(), [&](const Field& f) { return f.name == name; });
@@ -653,9 +665,12 @@ PYBIND11_MODULE(_varkel, m)
   det.def(py::init<const std::string&>(), py::arg("model") = "quad")
       .def_property_readonly("model", [](Detector& d) { return varkel::sim::model_name(d.handle().detModel); })
       .def_property_readonly("modules", [](Detector& d) { return d.handle().max_num_modules; })
-      .def("connect_backend", &Detector::connect_backend, py::arg("host"), py::arg("port"))
-      .def("connect", &Detector::connect_simulator, py::arg("simulator"))
-      .def("connect", &Detector::connect_modules, py::arg("modules"))
+      .def("connect_backend", &Detector::connect_backend, py::arg("host"), py::arg("port"),
+           "The data server: its RDMA parameters arrive and are acknowledged.")
+      .def("connect", &Detector::connect_simulator, py::arg("simulator"), py::keep_alive<1, 2>(),
+           "The simulator's data server and modules; it is kept running while the detector lives.")
+      .def("connect", &Detector::connect_modules, py::arg("modules"),
+           "Every module at once: [(host, port), ...], module 1 first.")
       .def("close", &Detector::close)
       .def("__enter__", [](Detector& d) -> Detector& { return d; })
       .def("__exit__", [](Detector& d, py::args) { d.close(); })
@@ -664,20 +679,30 @@ PYBIND11_MODULE(_varkel, m)
       .def("chip", &chip_of, py::arg("module"), py::arg("chip"))
       .def_property_readonly("chips", [](Detector& d) { return Chips{d.shared_from_this()}; })
       .def_property_readonly("dacs", [](Detector& d) { return Chips{d.shared_from_this()}; })
-      .def("check_chips", &Detector::check_chips)
+      .def("check_chips", &Detector::check_chips, "Switches off the chips without an efuse id: [(module, chip), ...].")
       .def_property_readonly("disabled_chips", &Detector::disabled_chips)
       .def("scan", &Detector::scan, py::arg("dac"), py::arg("initial") = 0, py::arg("final") = 255, py::arg("step") = 4,
-           py::arg("module") = 0, py::arg("chip") = 0)
-      .def("load_dac_files", &Detector::load_dac_files, py::arg("index"))
-      .def("temperatures", &Detector::temperatures)
+           py::arg("module") = 0, py::arg("chip") = 0,
+           "Scans GND, FBK or CAS of one chip, the working chips of a module (0: of every module); the code nearest "
+           "the aim is written: {(module, chip): (code, volts)}.")
+      .def("load_dac_files", &Detector::load_dac_files, py::arg("index"), "The DAC calibration files named by `index`.")
+      .def("temperatures", &Detector::temperatures,
+           "{\"average\": (modules,), \"boards\": (modules, boards, 16), \"chips\": (modules, 36)} in degrees, "
+           "NaN for chips missing or off.")
       .def("acquire", &Detector::acquire, py::kw_only(), py::arg("exposure") = py::none(),
            py::arg("period") = py::none(), py::arg("exposures") = py::none(), py::arg("progress") = py::none(),
-           py::arg("timeout") = py::none())
+           py::arg("timeout") = py::none(),
+           "Sets what is given, prepares the data server, acquires and waits, calling progress(fraction); stops "
+           "the detector on an exception, Ctrl-C or the timeout (TimeoutError; default twice the expected time + "
+           "10 s).")
       .def("define_master", &Detector::define_master, py::arg("module") = 1, py::arg("external") = false,
            py::arg("trigger_mode") = static_cast<int>(VARKEL_TRIGGER_MODE_EXTERNAL_POS_EDGE),
            "Module `module` leads with its shutter output; the others start on its edge.")
-      .def("stop", &Detector::stop)
-      .def("frame", &Detector::frame, py::arg("placed") = true);
+      .def("stop", &Detector::stop, "Stops every module (from another thread during acquire()).")
+      .def("frame", &Detector::frame, py::arg("placed") = true,
+           "A copy of the sample frame: on the detector face (-1 in the gaps), or with placed=False a read-only "
+           "view of the handle's copy, (modules, boards, chips, 256, 256), overwritten by the next frame().")
+      .def("_read_back_in_c", &Detector::read_back_in_c, py::arg("count"));
   add_fields(det, true);
 
   py::class_<Module> module(m, "Module");
