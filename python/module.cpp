@@ -240,6 +240,9 @@ public:
 
   void connect_simulator(const Simulator& sim)
   {
+    if (sim.model() != handle().detModel)
+      throw py::value_error(std::string("a ") + varkel::sim::model_name(sim.model()) + " simulator for a " +
+                            varkel::sim::model_name(handle().detModel) + " detector");
     const auto ds = sim.data_server();
     run([](varkel_t* v) { return v->simulate = 1; }); // the simulator's shared-memory names
     connect_backend(ds.first, ds.second);
@@ -309,7 +312,10 @@ public:
       float& volts = v->analog_dac_values[chip - 1][d - 1];
       // The library keeps its cache when the reply does not parse (an error text
       // of the controller): a value still marked unread was not answered.
-      analog ? volts = NAN : code = INT32_MIN;
+      if (analog)
+        volts = NAN;
+      else
+        code = INT32_MIN;
       int rc = select(v, module, chip);
       if (rc == 0)
         rc = get_dac(v, analog ? ANALOG_READ_SINGLE_DAC : DIGITAL_READ_SINGLE_DAC, d);
@@ -381,7 +387,8 @@ public:
   }
 
   // {"average": (modules,), "boards": (modules, boards, 16), "chips": (modules, 36)},
-  // NaN for the chips the model lacks or that are switched off.
+  // NaN for the chips the model lacks or that are switched off. The library reads
+  // chip numbers 1 up to the chips of a module, so the one-board models show none.
   py::dict temperatures()
   {
     exec([](varkel_t* v) {
@@ -403,8 +410,9 @@ public:
         for (py::ssize_t s = 0; s < 16; ++s)
           board.mutable_at(m, b, s) = v.varkelParam.mfb_temperature[m][b * 16 + s];
       for (int c = 1; c <= 36; ++c)
-        chips.mutable_at(m, c - 1) =
-            working(&v, static_cast<int>(m) + 1, c) ? v.varkelParam.allchip_temperature[m][c - 1] : NAN;
+        chips.mutable_at(m, c - 1) = c <= v.num_all_chips && working(&v, static_cast<int>(m) + 1, c)
+                                         ? v.varkelParam.allchip_temperature[m][c - 1]
+                                         : NAN;
     }
     py::dict out;
     out["average"] = average;
@@ -421,8 +429,13 @@ public:
   {
     const Field& exposure_field = field("exposure");
     const Field& period_field = field("period");
-    // A longer period goes first, so that a longer exposure fits it.
-    const bool period_first = period && *period > handle().acquireParam.acquirePeriod;
+    // The period goes first when the exposure in force fits it, else the new
+    // exposure first: it fits the period in force, which is longer.
+    bool period_first = period.has_value();
+    if (period && exposure && *period != 0) {
+      const double now = get_field(exposure_field, 1, 0).cast<double>();
+      period_first = static_cast<float>(now) + IMAGE_READOUT <= static_cast<float>(*period);
+    }
     if (period && period_first)
       set_field(period_field, 0, 0, py::float_(*period));
     if (exposure)
