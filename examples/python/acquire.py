@@ -16,7 +16,7 @@ def main():
     p.add_argument("--period", type=float, default=0.1, help="seconds")
     p.add_argument("--exposures", type=int, default=10)
     p.add_argument("--png", default="varkel-python.png")
-    p.add_argument("--log", default="varkel-python.log", help="the library's own output")
+    p.add_argument("--log", default="/dev/null", help="where the library's own output goes")
     a = p.parse_args()
 
     varkel.redirect_library_output(a.log)

@@ -15,7 +15,7 @@ def main():
     p.add_argument("--module", type=int, default=1)
     p.add_argument("--dac", default="GND", choices=sorted(AIMS))
     p.add_argument("--step", type=int, default=4)
-    p.add_argument("--log", default="/dev/null", help="the library's own output")
+    p.add_argument("--log", default="/dev/null", help="where the library's own output goes")
     a = p.parse_args()
 
     varkel.redirect_library_output(a.log)
