@@ -546,7 +546,8 @@ VARKEL_API varkel_t* varkel_new(varkel_detector_model_t detModel);
 VARKEL_API void varkel_delete(varkel_t* varkel);
 
 // Message for any result code: strerror for positive codes, the library's table
-// for 0 and negative codes (anything below -13 reads "Invalid error number").
+// for 0 and negative codes (anything below -13 reads "Invalid error number", but
+// for the snapshot codes -101 to -105 of snapshot.h, which have texts of their own).
 VARKEL_API const char* varkel_error_string(int error);
 
 // Chip number within a module: (2 - mfb) * 12 + sensor + 1.
@@ -697,7 +698,8 @@ VARKEL_API void decode_backend_error(uint8_t ret, char* error);
 
 // Connects to the data server (any earlier connection is closed first), receives
 // its RDMA parameters into `init_args` and acknowledges them. Receive time-out
-// 300 s. Returns 0; errno when the socket cannot be created; the codes of
+// 300 s (the connect and the parameters within the bounds of varkel_set_timeouts,
+// when they are shorter). Returns 0; errno when the socket cannot be created; the codes of
 // socket_connect; -1 when the handshake fails. The connection is closed on failure.
 VARKEL_API int varkel_connect_backend(varkel_t* varkel, const char* address, unsigned short port);
 

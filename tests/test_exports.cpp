@@ -16,7 +16,7 @@ std::set<std::string> declared_names()
   std::set<std::string> names;
   const std::regex function(R"(VARKEL_API[^;(]*?\b(\w+)\s*\()");
   const std::regex data(R"(VARKEL_API\s+extern[^;(]*?\b(\w+)(\s*\[\d*\])?\s*;)");
-  for (const char* header : {"varkel.h", "ethernet.h", "utils.h", "decode.h"}) {
+  for (const char* header : {"varkel.h", "ethernet.h", "utils.h", "decode.h", "settings.h", "snapshot.h"}) {
     std::ifstream in(std::string(VARKEL_INCLUDE_DIR) + "/" + header);
     std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     // Declarations may span lines; the macro definition itself is not one.
@@ -58,7 +58,7 @@ std::set<std::string> unexported_declarations()
   std::set<std::string> names;
   const std::regex declaration(
       R"(^(?!VARKEL_API|static|inline|typedef|template|struct|enum|namespace|#|//)[A-Za-z_][\w\s\*&:<>,]*?\b(\w+)\s*\()");
-  for (const char* header : {"varkel.h", "ethernet.h", "utils.h", "decode.h"}) {
+  for (const char* header : {"varkel.h", "ethernet.h", "utils.h", "decode.h", "settings.h", "snapshot.h"}) {
     std::ifstream in(std::string(VARKEL_INCLUDE_DIR) + "/" + header);
     for (std::string line; std::getline(in, line);) {
       std::smatch m;

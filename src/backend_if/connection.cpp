@@ -14,7 +14,9 @@
 #include "ethernet.h"
 #include "internal/backend.hpp"
 #include "internal/backend_records.hpp"
+#include "internal/channel.hpp"
 #include "internal/descriptor.hpp"
+#include "internal/handle.hpp"
 #include "utils.h"
 
 namespace varkel::detail {
@@ -76,9 +78,16 @@ int varkel_connect_backend(varkel_t* varkel, const char* address, unsigned short
     varkel->backend_socket = -1;
     return errno;
   }
-  int rc = socket_connect(varkel->backend_socket, address, port, VARKEL_BACKEND_TIMEOUT_US);
+  // The handle's bounds cover the connect and the greeting; the exchanges after
+  // it keep the data server's own time-out, a short reply to some of them being
+  // the end of the process.
+  const HandleExtras& bounds = extras(varkel);
+  const uint64_t greeting_us = std::min(reply_timeout_us(bounds), VARKEL_BACKEND_TIMEOUT_US);
+  int rc = connect_within(varkel->backend_socket, address, port, greeting_us, bounds.connect_timeout_us);
   if (rc == 0) {
     rc = receive_initArgs_fromBackend(varkel, varkel->backend_socket);
+    if (rc == 0 && greeting_us != VARKEL_BACKEND_TIMEOUT_US)
+      rc = set_timeout(varkel->backend_socket, VARKEL_BACKEND_TIMEOUT_US);
     if (rc == 0)
       return 0;
   }

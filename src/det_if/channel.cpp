@@ -13,6 +13,7 @@
 
 #include "ethernet.h"
 #include "internal/channel.hpp"
+#include "internal/handle.hpp"
 #include "internal/protocol.hpp"
 #include "utils.h"
 
@@ -110,6 +111,7 @@ int vcommand(varkel_t* varkel, const char* cmd_format, va_list args, varkel_thre
   print_debug(varkel->debug_out, "[SEND]", request);
   if (int rc = send_all(fd, request, std::strlen(request)); rc != 0)
     return rc;
+  extras(varkel).commands.fetch_add(1, std::memory_order_relaxed);
   printf("\nOWNER: %d - SENT TO K64: %s\n", owner, request);
   return 0;
 }

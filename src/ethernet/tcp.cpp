@@ -1,8 +1,11 @@
 #include <arpa/inet.h>
 #include <cassert>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <netdb.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -85,7 +88,46 @@ void safe_close(int fd)
   }
 }
 
-int socket_connect(int socket, const char* address, uint16_t port, uint64_t read_timeout_us)
+namespace {
+
+// Connects without blocking and waits at most `timeout_us` for the handshake.
+// Returns 0, ETIMEDOUT, or the errno of the connect.
+int connect_bounded(int socket, const sockaddr_in& addr, uint64_t timeout_us)
+{
+  const int flags = fcntl(socket, F_GETFL);
+  if (flags < 0 || fcntl(socket, F_SETFL, flags | O_NONBLOCK) != 0)
+    return errno;
+  int rc = set_address(socket, &addr);
+  if (rc == EINPROGRESS) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + std::chrono::microseconds(timeout_us);
+    rc = ETIMEDOUT;
+    for (;;) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      pollfd p{socket, POLLOUT, 0};
+      const int ready = left > 0 ? poll(&p, 1, static_cast<int>(left)) : 0;
+      if (ready < 0 && errno == EINTR)
+        continue;
+      if (ready < 0)
+        rc = errno;
+      else if (ready > 0) {
+        int error = 0;
+        socklen_t size = sizeof error;
+        rc = getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size) != 0 ? errno : error;
+      }
+      break;
+    }
+  }
+  // The channel itself stays blocking: its receives wait on SO_RCVTIMEO.
+  if (fcntl(socket, F_SETFL, flags) != 0 && rc == 0)
+    rc = errno;
+  return rc;
+}
+
+} // namespace
+
+int varkel::detail::connect_within(int socket, const char* address, uint16_t port, uint64_t read_timeout_us,
+                                   uint64_t connect_timeout_us)
 {
   assert(socket != -1);
   assert(address != NULL);
@@ -96,5 +138,10 @@ int socket_connect(int socket, const char* address, uint16_t port, uint64_t read
     return rc;
   if (int rc = set_timeout(socket, read_timeout_us); rc != 0)
     return rc;
-  return set_address(socket, &addr);
+  return connect_timeout_us == 0 ? set_address(socket, &addr) : connect_bounded(socket, addr, connect_timeout_us);
+}
+
+int socket_connect(int socket, const char* address, uint16_t port, uint64_t read_timeout_us)
+{
+  return varkel::detail::connect_within(socket, address, port, read_timeout_us, 0);
 }

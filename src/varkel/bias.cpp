@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <iterator>
 
+#include "internal/analog.hpp"
 #include "internal/query.hpp"
 #include "varkel.h"
 
@@ -41,9 +42,17 @@ template <typename... Args> int set_analog(varkel_t* v, Analog which, float valu
   return read_into<float>(v, f.set_reply, v->varkelParam.*f.field, cmd, args...);
 }
 
+template <typename... Args>
+int read_analog_on(varkel_t* v, varkel_thread_t owner, Analog which, float& out, const char* cmd, Args... args)
+{
+  assert(v != NULL);
+  return query_scan<float>(
+      v, owner, kAnalog[which].read_reply, [&](float x) { out = x; }, cmd, args...);
+}
+
 template <typename... Args> int read_analog(varkel_t* v, Analog which, const char* cmd, Args... args)
 {
-  return read_into<float>(v, kAnalog[which].read_reply, v->varkelParam.*kAnalog[which].field, cmd, args...);
+  return read_analog_on(v, VARKEL_THREAD_MAIN, which, v->varkelParam.*kAnalog[which].field, cmd, args...);
 }
 
 int status_only(varkel_t* v, const char* cmd)
@@ -61,7 +70,20 @@ int US_SensorBias(varkel_t* varkel, float bias_voltage)
   return set_analog(varkel, kBias, bias_voltage, CMD_SENSORBIAS, 1u, 1u, double{bias_voltage});
 }
 
-int US_SensorBias_RBV(varkel_t* varkel) { return read_analog(varkel, kBias, CMD_SENSORBIAS, 0u, 0u, 0.0); }
+int US_SensorBias_RBV(varkel_t* varkel)
+{
+  return read_bias(varkel, VARKEL_THREAD_MAIN, &varkel->varkelParam.bias_voltage);
+}
+
+int varkel::detail::read_bias(varkel_t* v, varkel_thread_t owner, float* volts)
+{
+  return read_analog_on(v, owner, kBias, *volts, CMD_SENSORBIAS, 0u, 0u, 0.0);
+}
+
+int varkel::detail::read_ext_bg(varkel_t* v, varkel_thread_t owner, float* volts)
+{
+  return read_analog_on(v, owner, kExtBg, *volts, CMD_EXTBGIN, 0u, 0.0);
+}
 
 int set_sensorBias(varkel_t* varkel, float voltage)
 {
@@ -116,7 +138,10 @@ int US_ImgChip_ExtBgIn(varkel_t* varkel, float voltage)
   return set_analog(varkel, kExtBg, voltage, CMD_EXTBGIN, 1u, double{voltage});
 }
 
-int US_ImgChip_ExtBgIn_RBV(varkel_t* varkel) { return read_analog(varkel, kExtBg, CMD_EXTBGIN, 0u, 0.0); }
+int US_ImgChip_ExtBgIn_RBV(varkel_t* varkel)
+{
+  return read_ext_bg(varkel, VARKEL_THREAD_MAIN, &varkel->varkelParam.extBgIn);
+}
 
 int US_ImgChipDACOUTSense_RBV(varkel_t* varkel) { return read_analog(varkel, kDacOut, CMD_DACOUTSENSE); }
 

@@ -3,6 +3,7 @@
 #include <array>
 #include <cassert>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -10,8 +11,11 @@
 #include <sys/socket.h>
 
 #include "ethernet.h"
+#include "internal/channel.hpp"
 #include "internal/descriptor.hpp"
+#include "internal/handle.hpp"
 #include "internal/query.hpp"
+#include "settings.h"
 
 using namespace varkel::detail;
 
@@ -91,7 +95,12 @@ bool transport_params(const initArgs& a, int m, std::array<TransportParam, kTran
 
 } // namespace
 
-int varkel_init(varkel_t* varkel, int fd_pos, const char* address, uint16_t port)
+namespace {
+
+// The connect step of varkel_init and varkel_attach: opens module index `fd_pos`'s
+// channel within the handle's time-out bounds, makes it the main channel and,
+// when `transport`, sends the module its transport parameters.
+int open_module_channel(varkel_t* varkel, int fd_pos, const char* address, uint16_t port, bool transport)
 {
   assert(varkel != NULL);
   assert(address != NULL);
@@ -106,11 +115,12 @@ int varkel_init(varkel_t* varkel, int fd_pos, const char* address, uint16_t port
     return errno;
   slot = fd;
 
-  int rc = socket_connect(fd, address, port, VARKEL_MODULE_TIMEOUT_US);
+  const HandleExtras& bounds = extras(varkel);
+  int rc = connect_within(fd, address, port, reply_timeout_us(bounds), bounds.connect_timeout_us);
   if (rc == 0) {
     set_main_channel(varkel, fd, fd_pos + 1);
     printf("Varkel Conected!!!\n");
-    rc = send_allinitArgs(varkel, fd_pos);
+    rc = transport ? send_allinitArgs(varkel, fd_pos) : 0;
     if (rc == 0)
       return 0;
   }
@@ -118,15 +128,51 @@ int varkel_init(varkel_t* varkel, int fd_pos, const char* address, uint16_t port
   return rc;
 }
 
-int varkel_connect(varkel_t* varkel, const char* const address[], const uint16_t port[])
+int open_module_channels(varkel_t* varkel, const char* const address[], const uint16_t port[], bool transport)
 {
   assert(varkel != NULL);
   assert(address != NULL);
   assert(port != NULL);
   return for_each_module_parallel(varkel, [&](varkel_thread_t m) {
     printf("\nTID: %d\n", omp_get_thread_num());
-    return varkel_init(varkel, m, address[m], port[m]);
+    return open_module_channel(varkel, m, address[m], port[m], transport);
   });
+}
+
+} // namespace
+
+int varkel_init(varkel_t* varkel, int fd_pos, const char* address, uint16_t port)
+{
+  return open_module_channel(varkel, fd_pos, address, port, true);
+}
+
+int varkel_connect(varkel_t* varkel, const char* const address[], const uint16_t port[])
+{
+  return open_module_channels(varkel, address, port, true);
+}
+
+int varkel_attach(varkel_t* varkel, const char* const address[], const uint16_t port[])
+{
+  return open_module_channels(varkel, address, port, false);
+}
+
+int varkel_set_timeouts(varkel_t* varkel, double connect_seconds, double reply_seconds)
+{
+  assert(varkel != NULL);
+  // Below a microsecond a bound would round to "no bound"; above a year it is none.
+  constexpr double kMin = 1e-6, kMax = 365.0 * 86400.0;
+  const auto valid = [&](double s) { return std::isfinite(s) && s >= kMin && s <= kMax; };
+  if (!valid(connect_seconds) || !valid(reply_seconds))
+    return -3;
+  HandleExtras& bounds = extras(varkel);
+  bounds.connect_timeout_us = static_cast<uint64_t>(connect_seconds * 1e6);
+  bounds.reply_timeout_us = static_cast<uint64_t>(reply_seconds * 1e6);
+  int rc = 0;
+  for (int m = 0; m < varkel->max_num_modules; ++m) {
+    if (const int fd = channel_socket(varkel, static_cast<varkel_thread_t>(m)); fd >= 0 && rc == 0)
+      rc = set_timeout(fd, bounds.reply_timeout_us);
+  }
+  return rc;
 }
 
 void varkel_disconnect(varkel_t* varkel)

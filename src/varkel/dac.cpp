@@ -16,55 +16,6 @@ using namespace varkel::detail;
 
 namespace {
 
-// Each DAC's range: four take 9 bits, the rest 8.
-struct DacRange {
-  varkel_dac_t dac;
-  bool (*valid)(int);
-};
-
-constexpr DacRange kDacRanges[] = {
-    {DAC_ThresholdEnergy0, validate_u9_int},
-    {DAC_ThresholdEnergy1, validate_u9_int},
-    {DAC_ThresholdEnergy2, validate_u8_int},
-    {DAC_ThresholdEnergy3, validate_u8_int},
-    {DAC_ThresholdEnergy4, validate_u8_int},
-    {DAC_ThresholdEnergy5, validate_u8_int},
-    {DAC_ThresholdEnergy6, validate_u8_int},
-    {DAC_ThresholdEnergy7, validate_u8_int},
-    {DAC_Preamp, validate_u8_int},
-    {DAC_IKrum, validate_u8_int},
-    {DAC_Shaper, validate_u8_int},
-    {DAC_Disc, validate_u8_int},
-    {DAC_DiscLS, validate_u8_int},
-    {DAC_ShaperTest, validate_u8_int},
-    {DAC_DiscL, validate_u8_int},
-    {DAC_Delay, validate_u8_int},
-    {DAC_TPBufferIn, validate_u8_int},
-    {DAC_TPBufferOut, validate_u8_int},
-    {DAC_RPZ, validate_u8_int},
-    {DAC_GND, validate_u8_int},
-    {DAC_TPRef, validate_u8_int},
-    {DAC_FBK, validate_u8_int},
-    {DAC_CAS, validate_u8_int},
-    {DAC_TPRefA, validate_u9_int},
-    {DAC_TPRefB, validate_u9_int},
-    {DAC_BandGapOutput, validate_u8_int},
-    {DAC_BandGapTemperature, validate_u8_int},
-    {DAC_DACBias, validate_u8_int},
-    {DAC_DACCascodeBias, validate_u8_int},
-    {DAC_Test, validate_u8_int},
-    {DAC_DiscH, validate_u8_int},
-};
-
-constexpr bool rows_in_dac_order()
-{
-  for (std::size_t i = 0; i < std::size(kDacRanges); ++i)
-    if (kDacRanges[i].dac != static_cast<int>(i) + 1)
-      return false;
-  return std::size(kDacRanges) == DAC_ENUM_END - 1;
-}
-static_assert(rows_in_dac_order(), "one row per DAC, in DAC order");
-
 // How the reply of each read operation is laid out: one value of the named DAC
 // on the selected chip, or a list keyed by chip number or by DAC number.
 enum class Key { single, chip, dac };
@@ -126,7 +77,10 @@ constexpr int kOptimizedDiscL[4][36] = {
 
 namespace varkel::detail {
 
-bool dac_value_valid(int dac, int value) { return validate_dac(dac) && kDacRanges[dac - 1].valid(value); }
+bool dac_value_valid(int dac, int value)
+{
+  return validate_dac(dac) && value >= 0 && value <= kDacs[static_cast<std::size_t>(dac) - 1].max;
+}
 
 int store_dac_reply(int read_mode, int dac, int chip, const char* text, int32_t (&digital)[36][32],
                     float (&analog)[36][32])
@@ -183,17 +137,24 @@ int set_dac(varkel_t* varkel, varkel_dac_t dac, int value, varkel_send_to_all_t 
   return US_Set_DAC(varkel, dac, value, send_to, VARKEL_THREAD_MAIN);
 }
 
-int get_dac(varkel_t* varkel, varkel_read_dac_t read_mode, varkel_dac_t dac)
+int varkel::detail::read_dacs(varkel_t* v, varkel_thread_t owner, int read_mode, int dac, int chip,
+                              int32_t (&digital)[36][32], float (&analog)[36][32])
 {
-  assert(varkel != NULL);
-  const int chip = varkel->sensor_pos.sensorPos;
+  assert(v != NULL);
   char reply[kReplySize];
-  if (int rc = query_and_cache(varkel, reply, CMD_IMGCHIP_DAC, static_cast<unsigned>(read_mode),
+  if (int rc = query_and_cache(v, owner, reply, CMD_IMGCHIP_DAC, static_cast<unsigned>(read_mode),
                                static_cast<unsigned>(dac), 0u);
       rc != 0)
     return rc;
-  store_dac_reply(read_mode, dac, chip, reply, varkel->digital_dac_values, varkel->analog_dac_values);
+  store_dac_reply(read_mode, dac, chip, reply, digital, analog);
   return 0;
+}
+
+int get_dac(varkel_t* varkel, varkel_read_dac_t read_mode, varkel_dac_t dac)
+{
+  assert(varkel != NULL);
+  return read_dacs(varkel, VARKEL_THREAD_MAIN, read_mode, dac, varkel->sensor_pos.sensorPos, varkel->digital_dac_values,
+                   varkel->analog_dac_values);
 }
 
 int Set_DAC_Defaults(varkel_t* varkel)

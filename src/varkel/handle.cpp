@@ -5,26 +5,35 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <type_traits>
 
 #include "ethernet.h"
 #include "internal/backend.hpp"
 #include "internal/descriptor.hpp"
+#include "internal/handle.hpp"
 #include "internal/trace.hpp"
+#include "snapshot.h"
 #include "varkel.h"
 
 namespace {
 
-struct Geometry {
-  uint8_t modules, boards, chips;
-  const char* message;
-};
+using varkel::detail::HandleExtras;
+using varkel::detail::ModelGeometry;
 
-constexpr std::array<Geometry, 4> kModels{{
-    {1, 1, 1, "Detector Selected: Kinlet"},
-    {1, 1, 12, "Detector Selected: VarkelLite"},
-    {1, 3, 12, "Detector Selected: VarkelTrio"},
-    {4, 3, 12, "Detector Selected: VarkelQuad"},
+constexpr std::array<ModelGeometry, 4> kModels{{
+    {1, 1, 1, "Detector Selected: Kinlet", "kinlet"},
+    {1, 1, 12, "Detector Selected: VarkelLite", "lite"},
+    {1, 3, 12, "Detector Selected: VarkelTrio", "trio"},
+    {4, 3, 12, "Detector Selected: VarkelQuad", "quad"},
 }};
+
+// The handle and its private extras in one allocation: the public record first,
+// so that a varkel_t* of it is a pointer to the block.
+struct HandleBlock {
+  varkel_t handle;
+  HandleExtras extras;
+};
+static_assert(std::is_standard_layout_v<HandleBlock> && offsetof(HandleBlock, handle) == 0);
 
 constexpr std::array<const char*, 14> kErrorArray{
     "Success",
@@ -44,6 +53,15 @@ constexpr std::array<const char*, 14> kErrorArray{
 };
 static_assert(kErrorArray.size() == 14, "one message for each code 0 to -13");
 
+// The snapshot calls' codes lie apart from the table, from -101 down.
+constexpr std::array<const char*, 5> kSnapshotErrors{
+    "Snapshot file missing or malformed", "Snapshot format version not supported",
+    "Snapshot of another detector model", "Snapshot value out of range or unknown",
+    "Snapshot value did not verify",
+};
+static_assert(VARKEL_SNAPSHOT_BAD_FILE == -101 &&
+              VARKEL_SNAPSHOT_UNVERIFIED == VARKEL_SNAPSHOT_BAD_FILE - int{kSnapshotErrors.size()} + 1);
+
 constexpr bool in_range(int value, int low, int high) { return value >= low && value <= high; }
 bool in_range(float value, float low, float high) { return std::isfinite(value) && value >= low && value <= high; }
 
@@ -51,16 +69,17 @@ bool in_range(float value, float low, float high) { return std::isfinite(value) 
 
 varkel_t* varkel_new(varkel_detector_model_t detModel)
 {
-  auto* varkel = static_cast<varkel_t*>(std::calloc(1, sizeof(varkel_t)));
-  if (varkel == NULL)
+  void* memory = std::calloc(1, sizeof(HandleBlock));
+  if (memory == NULL)
     return NULL;
+  varkel_t* varkel = &(new (memory) HandleBlock{})->handle;
   varkel->varkel_interface = -1;
   varkel->backend_socket = -1;
   pthread_mutex_init(&varkel->backend_socket_mutex, NULL);
 
   printf("detModel: %d\n", detModel);
   if (detModel >= 0 && static_cast<std::size_t>(detModel) < kModels.size()) {
-    const Geometry& g = kModels[static_cast<std::size_t>(detModel)];
+    const ModelGeometry& g = kModels[static_cast<std::size_t>(detModel)];
     varkel->max_num_modules = g.modules;
     varkel->max_num_boards = g.boards;
     varkel->max_num_chips = g.chips;
@@ -96,7 +115,17 @@ void varkel_delete(varkel_t* varkel)
   varkel::detail::close_trace_file(varkel->debug_out);
   std::free(varkel->sample_frame);
   pthread_mutex_destroy(&varkel->backend_socket_mutex);
-  std::free(varkel);
+  auto* block = reinterpret_cast<HandleBlock*>(varkel);
+  block->~HandleBlock();
+  std::free(block);
+}
+
+HandleExtras& varkel::detail::extras(varkel_t* v) { return reinterpret_cast<HandleBlock*>(v)->extras; }
+
+const ModelGeometry* varkel::detail::model_geometry(int model)
+{
+  return model >= 0 && static_cast<std::size_t>(model) < kModels.size() ? &kModels[static_cast<std::size_t>(model)]
+                                                                        : nullptr;
 }
 
 const char* varkel_error_string(int error)
@@ -105,6 +134,9 @@ const char* varkel_error_string(int error)
     return strerror(error);
   // Negate in 64 bits: INT_MIN has no 32-bit negation.
   const long long index = -static_cast<long long>(error);
+  const long long snapshot = index + VARKEL_SNAPSHOT_BAD_FILE;
+  if (snapshot >= 0 && snapshot < static_cast<long long>(kSnapshotErrors.size()))
+    return kSnapshotErrors[static_cast<std::size_t>(snapshot)];
   return kErrorArray[index > 13 ? 13 : static_cast<std::size_t>(index)];
 }
 

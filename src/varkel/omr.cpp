@@ -83,13 +83,19 @@ constexpr OmrField kFields[] = {
     {OMR_Sense_DAC, validate_u5_int, nullptr, cache<&varkel_omr::sense_dacSel>},
 };
 
-constexpr const OmrField& row(varkel_omr_t number)
+constexpr const OmrField* find(varkel_omr_t number)
 {
   for (const OmrField& f : kFields)
     if (f.number == number)
-      return f;
-  assert(!"an OMR field of the family");
-  return kFields[0];
+      return &f;
+  return nullptr;
+}
+
+constexpr const OmrField& row(varkel_omr_t number)
+{
+  const OmrField* f = find(number);
+  assert(f != nullptr && "an OMR field of the family");
+  return f != nullptr ? *f : kFields[0];
 }
 
 // The setter shape: check, "HS_Set_OMR <field> <value>", cache the replied number.
@@ -106,16 +112,39 @@ int set_field(varkel_t* v, varkel_omr_t number, int value)
       v, kMain, f.set_reply, [&](int x) { f.cached(v->omr, x); }, CMD_SET_OMR, field, static_cast<unsigned>(value));
 }
 
-// The read-back shape: "HS_Get_OMR <field>", cache the replied number.
 int read_field(varkel_t* v, varkel_omr_t number)
 {
-  assert(v != NULL);
-  const OmrField& f = row(number);
-  return query_scan<int>(
-      v, kMain, "%d", [&](int x) { f.cached(v->omr, x); }, CMD_GET_OMR, static_cast<unsigned>(number));
+  int value = 0;
+  return read_omr_field(v, kMain, number, &value);
 }
 
 } // namespace
+
+// The read-back shape: "HS_Get_OMR <field>"; on the main channel the replied
+// number is also cached, for the fields of the family.
+int varkel::detail::read_omr_field(varkel_t* v, varkel_thread_t owner, varkel_omr_t number, int* value)
+{
+  assert(v != NULL);
+  return query_scan<int>(
+      v, owner, "%d",
+      [&](int x) {
+        *value = x;
+        if (const OmrField* f = find(number); f != nullptr && owner == kMain)
+          f->cached(v->omr, x);
+      },
+      CMD_GET_OMR, static_cast<unsigned>(number));
+}
+
+int varkel::detail::write_omr_field(varkel_t* v, varkel_omr_t number, int value)
+{
+  return find(number) != nullptr ? set_field(v, number, value)
+                                 : set_omr(v, number, value, VARKEL_SEND_ONE_CHIP_ONE_MODULE);
+}
+
+bool varkel::detail::omr_all_chips_writable(varkel_omr_t number)
+{
+  return number >= 0 && number < kOmrFields && kWritable[number] != nullptr;
+}
 
 int validate_omr(int omr, int v)
 {
@@ -185,17 +214,19 @@ void varkel::detail::store_omr_pairs(const char* text, int32_t (&values)[kOmrFie
   });
 }
 
-int get_omr(varkel_t* varkel)
+int varkel::detail::read_omr_fields(varkel_t* v, varkel_thread_t owner, int32_t (&values)[kOmrFields])
 {
-  assert(varkel != NULL);
+  assert(v != NULL);
   char reply[kReplySize];
-  if (int rc = query_and_cache(varkel, reply, CMD_IMGCHIP_OMR, static_cast<unsigned>(OMR_OP_READ_ALL_OMRS_ONESENSOR),
+  if (int rc = query_and_cache(v, owner, reply, CMD_IMGCHIP_OMR, static_cast<unsigned>(OMR_OP_READ_ALL_OMRS_ONESENSOR),
                                0u, 0u);
       rc != 0)
     return rc;
-  store_omr_pairs(reply, varkel->omr_values);
+  store_omr_pairs(reply, values);
   return 0;
 }
+
+int get_omr(varkel_t* varkel) { return read_omr_fields(varkel, kMain, varkel->omr_values); }
 
 // clang-format off
 int US_OmrOMSelec(varkel_t* varkel, varkel_operation_mode_t operation_mode) { return set_field(varkel, OMR_M, operation_mode); }

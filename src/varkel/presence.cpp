@@ -3,6 +3,7 @@
 #include <cassert>
 #include <cstdio>
 
+#include "internal/presence.hpp"
 #include "internal/query.hpp"
 #include "utils.h"
 
@@ -22,7 +23,7 @@ constexpr uint8_t kChipsPerBoard = 12;
 // identifier. A failed read leaves mb_reg[owner] as the previous read left it.
 bool check_efuseRegister(varkel_t* varkel, uint8_t sensor, varkel_thread_t owner)
 {
-  read_mb_reg(varkel, sensor * kRegisterStride + kEfuseRegister, owner);
+  read_efuse_register(varkel, sensor, owner);
   return varkel->mb_reg[owner] != 0;
 }
 
@@ -46,6 +47,11 @@ int check_and_disable_sensor(varkel_t* varkel, uint8_t sensor, uint8_t mfb, vark
 }
 
 } // namespace
+
+int varkel::detail::read_efuse_register(varkel_t* v, uint8_t sensor, varkel_thread_t owner)
+{
+  return read_mb_reg(v, sensor * kRegisterStride + kEfuseRegister, owner);
+}
 
 int check_and_disable_sensors(varkel_t* varkel)
 {
