@@ -14,6 +14,12 @@ fields, every chip) and reads module 1 (its first working chip);
 ``det.dacs[module, chip]``, one chip by its number 1..36 (1-12 on board 2,
 13-24 on board 1, 25-36 on board 0), with its DACs by name: ``chip["GND"]``.
 
+The properties are the library's settings by name (settings.h), "-" written
+"_": ``det.trigger``, ``det.read_counter``, ``det.counter_depth`` ...; they take
+numbers or the settings' value names (``det.polarity = "holes"``), and read back
+through the library's read-backs. ``det.frame()`` is the sample frame as a numpy
+array, ``det.acquire(...)`` runs an acquisition with a progress callback.
+
 Every non-zero result of the library raises ``varkel.Error`` with ``.code``;
 every call that talks to the detector releases the GIL, and one Detector serves
 one call at a time, whichever thread makes it.

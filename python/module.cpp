@@ -21,12 +21,11 @@
 #include "common/console.hpp"
 #include "common/picture.hpp"
 #include "common/simulated.hpp"
-#include "fields.hpp"
+#include "settings.h"
 #include "utils.h"
 #include "varkel.h"
 
 namespace py = pybind11;
-using namespace varkel::python;
 
 namespace {
 
@@ -66,6 +65,59 @@ double shortest(double cached)
   return x;
 }
 
+// A setting of the library's table as a Python property: its name with "_" for
+// "-", and the type its values take.
+enum class Kind { integer, real, boolean };
+struct Setting {
+  const varkel_setting_t* s;
+  std::string attribute;
+  Kind kind;
+};
+
+Kind kind_of(const varkel_setting_t* s)
+{
+  if (std::string_view(s->values) == "off on")
+    return Kind::boolean;
+  // Whole numbers and named values print no fraction.
+  char text[32];
+  return varkel_setting_format(s, 0.5, text, sizeof text) == 0 && std::string_view(text) == "0.5" ? Kind::real
+                                                                                                  : Kind::integer;
+}
+
+// Every setting but the DACs, which a chip shows by name as items.
+const std::vector<Setting>& settings()
+{
+  static const std::vector<Setting> all = [] {
+    std::vector<Setting> out;
+    for (int i = 0; i < varkel_settings_count(); ++i) {
+      const varkel_setting_t* s = varkel_setting_at(i);
+      std::string name = s->name;
+      if (name.starts_with("dac."))
+        continue;
+      std::replace(name.begin(), name.end(), '-', '_');
+      out.push_back({s, name, kind_of(s)});
+    }
+    return out;
+  }();
+  return all;
+}
+
+// The DACs by number - 1, named as in the table without "dac.": "GND", "DISCL".
+const std::vector<std::string>& dac_names()
+{
+  static const std::vector<std::string> names = [] {
+    std::vector<std::string> out;
+    for (int i = 0; i < varkel_settings_count(); ++i)
+      if (std::string_view name = varkel_setting_at(i)->name; name.starts_with("dac."))
+        out.emplace_back(name.substr(4));
+    // The table lists them by number; the numbers are what the DAC reads and scans send.
+    if (out.size() != DAC_ENUM_END - 1 || out[DAC_GND - 1] != "GND" || out[DAC_DiscH - 1] != "DISCH")
+      throw std::logic_error("the library's DAC names are not in DAC order");
+    return out;
+  }();
+  return names;
+}
+
 py::object to_python(Kind kind, double x)
 {
   switch (kind) {
@@ -78,15 +130,15 @@ py::object to_python(Kind kind, double x)
   }
 }
 
-// Integers stay integers: a float for an integer setting is a TypeError, not a
-// silent truncation.
-double from_python(const Field& f, py::handle value)
+// A number, or one of the setting's value names ("holes").
+double from_python(const varkel_setting_t* s, py::handle value)
 {
-  try {
-    return f.kind == Kind::real ? value.cast<double>() : static_cast<double>(value.cast<int>());
-  } catch (const py::cast_error&) {
-    throw py::type_error(std::string(f.name) + (f.kind == Kind::real ? " takes a number" : " takes an integer"));
-  }
+  if (!py::isinstance<py::str>(value))
+    return value.cast<double>();
+  double x = 0;
+  if (varkel_setting_parse(s, value.cast<std::string>().c_str(), &x) != 0)
+    throw py::value_error(value.cast<std::string>() + " is not a value of " + s->name + ": " + s->values);
+  return x;
 }
 
 // Whether chip number `chip` (1..36) is mounted on the model.
@@ -109,16 +161,28 @@ int select(varkel_t* v, int module, int chip)
   return rc;
 }
 
+// A DAC by name (any case) or number.
 varkel_dac_t dac_number(py::handle dac)
 {
   if (py::isinstance<py::str>(dac)) {
-    const std::string name = dac.cast<std::string>();
-    for (std::size_t i = 0; i < kDacNames.size(); ++i)
-      if (strcasecmp(name.c_str(), std::string(kDacNames[i]).c_str()) == 0)
-        return static_cast<varkel_dac_t>(i + 1);
-    throw py::key_error("no DAC named " + name);
+    std::string name = dac.cast<std::string>();
+    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::toupper(c); });
+    const auto& names = dac_names();
+    const auto at = std::find(names.begin(), names.end(), name);
+    if (at == names.end())
+      throw py::key_error("no DAC named " + dac.cast<std::string>());
+    return static_cast<varkel_dac_t>(at - names.begin() + 1);
   }
   return static_cast<varkel_dac_t>(dac.cast<int>()); // a number: the library judges it
+}
+
+// The table's setting of a DAC; -4 for a number outside 1..31.
+const varkel_setting_t* dac_setting(py::handle dac)
+{
+  const varkel_dac_t d = dac_number(dac);
+  if (d < 1 || d > static_cast<int>(dac_names().size()))
+    raise_error(-4);
+  return varkel_setting_find(("dac." + dac_names()[d - 1]).c_str());
 }
 
 // The handle's pixel copy; outlives the handle while numpy views of it exist.
@@ -249,89 +313,45 @@ public:
     connect_modules(sim.modules());
   }
 
-  // Module 0 is the whole detector; chip 0 every chip of the module(s) for a write,
-  // the module's first working chip for a read. The detector's value goes to each
-  // module in turn (stopping at the first failure) unless the library has a setter
-  // over all of them.
-  void set_field(const Field& f, int module, int chip, py::handle value)
+  // Through the library's settings table. Module 0 is the whole detector, chip 0
+  // every chip of the module(s); a read goes to module 1 and to the module's
+  // first working chip then.
+  void put(const varkel_setting_t* s, int module, int chip, py::handle value)
   {
-    const double x = from_python(f, value);
-    exec([&](varkel_t* v) {
-      if (f.scope == Scope::chip && chip == 0) {
-        const int rc = module == 0 ? 0 : select_module(v, module);
-        return rc != 0 ? rc
-                       : set_omr(v, f.omr, static_cast<int>(x),
-                                 module == 0 ? VARKEL_SEND_ALL_CHIPS_ALL_MODULES : VARKEL_SEND_ALL_CHIPS_ONE_MODULE);
-      }
-      if (module == 0 && f.write_all != nullptr)
-        return f.write_all(v, x);
-      for (int m = module == 0 ? 1 : module; m <= (module == 0 ? v->max_num_modules : module); ++m) {
-        int rc = select(v, m, chip);
-        if (rc == 0)
-          rc = f.write(v, x);
-        if (rc != 0)
-          return rc;
-      }
-      return 0;
-    });
+    const double x = from_python(s, value);
+    exec([&](varkel_t* v) { return varkel_setting_put(v, s, module, chip, x); });
   }
 
-  py::object get_field(const Field& f, int module, int chip)
+  double get(const varkel_setting_t* s, int module, int chip)
   {
     double x = 0;
     exec([&](varkel_t* v) {
       const int m = module == 0 ? 1 : module;
-      int c = f.scope == Scope::chip ? chip : 0;
-      for (int n = 1; c == 0 && f.scope == Scope::chip && n <= 36; ++n)
-        c = m <= v->max_num_modules && working(v, m, n) ? n : 0;
-      int rc = select(v, m, f.scope == Scope::chip && c == 0 ? -1 : c);
-      if (rc == 0)
-        rc = f.read(v);
-      x = f.cached(v);
-      return rc;
+      for (int n = 1; chip == 0 && s->scope == VARKEL_SETTING_CHIP && n <= 36; ++n)
+        chip = m <= v->max_num_modules && working(v, m, n) ? n : 0;
+      return varkel_setting_get(v, s, m, chip, &x);
     });
-    return to_python(f.kind, x);
+    return x;
   }
 
-  void set_readout_mode(int mode)
-  {
-    exec([&](varkel_t* v) { return set_medipix_mode(v, static_cast<varkel_medipix_mode_t>(mode)); });
-    readout_mode_ = mode;
-  }
-  std::optional<int> readout_mode() const { return readout_mode_; }
-
-  // The code (digital) or the voltage (analog) of one DAC of one chip.
-  double dac(int module, int chip, py::handle dac, bool analog)
+  // The voltage of one DAC of one chip.
+  double dac_voltage(int module, int chip, py::handle dac)
   {
     const varkel_dac_t d = dac_number(dac);
-    double value = 0;
+    float volts = NAN;
     exec([&](varkel_t* v) {
       if (d < 1 || d > 31)
         return -4;
-      int32_t& code = v->digital_dac_values[chip - 1][d - 1];
-      float& volts = v->analog_dac_values[chip - 1][d - 1];
       // The library keeps its cache when the reply does not parse (an error text
       // of the controller): a value still marked unread was not answered.
-      if (analog)
-        volts = NAN;
-      else
-        code = INT32_MIN;
+      float& cached = v->analog_dac_values[chip - 1][d - 1];
+      cached = NAN;
       int rc = select(v, module, chip);
-      if (rc == 0)
-        rc = get_dac(v, analog ? ANALOG_READ_SINGLE_DAC : DIGITAL_READ_SINGLE_DAC, d);
-      value = analog ? volts : code;
-      return rc != 0 ? rc : (analog ? std::isnan(volts) : code == INT32_MIN) ? -2 : 0;
+      rc = rc != 0 ? rc : get_dac(v, ANALOG_READ_SINGLE_DAC, d);
+      volts = cached;
+      return rc != 0 ? rc : std::isnan(volts) ? -2 : 0;
     });
-    return analog ? shortest(value) : value;
-  }
-
-  void set_dac_value(int module, int chip, py::handle dac, int value)
-  {
-    const varkel_dac_t d = dac_number(dac);
-    exec([&](varkel_t* v) {
-      const int rc = select(v, module, chip);
-      return rc != 0 ? rc : set_dac(v, d, value, VARKEL_SEND_ONE_CHIP_ONE_MODULE);
-    });
+    return shortest(volts);
   }
 
   // Chip positions without an efuse id are switched off: (module, chip number) of each.
@@ -427,23 +447,23 @@ public:
   void acquire(std::optional<double> exposure, std::optional<double> period, std::optional<int> exposures,
                py::object progress, std::optional<double> timeout)
   {
-    const Field& exposure_field = field("exposure");
-    const Field& period_field = field("period");
+    const varkel_setting_t* exposure_setting = varkel_setting_find("exposure");
+    const varkel_setting_t* period_setting = varkel_setting_find("period");
     // The period goes first when the exposure in force fits it, else the new
     // exposure first: it fits the period in force, which is longer.
     bool period_first = period.has_value();
     if (period && exposure && *period != 0) {
-      const double now = get_field(exposure_field, 1, 0).cast<double>();
+      const double now = get(exposure_setting, 1, 0);
       period_first = static_cast<float>(now) + IMAGE_READOUT <= static_cast<float>(*period);
     }
     if (period && period_first)
-      set_field(period_field, 0, 0, py::float_(*period));
+      put(period_setting, 0, 0, py::float_(*period));
     if (exposure)
-      set_field(exposure_field, 0, 0, py::float_(*exposure));
+      put(exposure_setting, 0, 0, py::float_(*exposure));
     if (period && !period_first)
-      set_field(period_field, 0, 0, py::float_(*period));
+      put(period_setting, 0, 0, py::float_(*period));
     if (exposures)
-      set_field(field("exposures"), 0, 0, py::int_(*exposures));
+      put(varkel_setting_find("exposures"), 0, 0, py::int_(*exposures));
     exec([](varkel_t* v) {
       if (v->backend_socket < 0)
         return 0;
@@ -528,21 +548,18 @@ public:
     return view;
   }
 
-  // What a read of det.exposure does, `count` times, straight from C: the
+  // What a read of det.exposure calls, `count` times, straight from C: the
   // baseline of bench/python_call.py.
   void read_back_in_c(int count)
   {
+    const varkel_setting_t* exposure = varkel_setting_find("exposure");
     exec([&](varkel_t* v) {
       int rc = 0;
+      double x = 0;
       for (int i = 0; i < count && rc == 0; ++i)
-        rc = select_module(v, 1) | US_AcquireTime_RBV(v);
+        rc = varkel_setting_get(v, exposure, 1, 0, &x);
       return rc;
     });
-  }
-
-  static const Field& field(std::string_view name)
-  {
-    return *std::find_if(kFields.begin(), kFields.end(), [&](const Field& f) { return f.name == name; });
   }
 
 private:
@@ -558,7 +575,6 @@ private:
   varkel_t* v_ = nullptr;
   std::mutex mutex_;
   std::shared_ptr<FramePixels> frame_;
-  std::optional<int> readout_mode_;
 };
 
 // One module, or one chip of a module, of a detector: the same settings, addressed.
@@ -582,21 +598,28 @@ std::pair<int, int> address_of(const Detector&) { return {0, 0}; }
 std::pair<int, int> address_of(const Module& m) { return {m.module, 0}; }
 std::pair<int, int> address_of(const Chip& c) { return {c.module, c.chip}; }
 
-// A property per setting of the table that the view can address.
-template <typename View, typename... Extra> void add_fields(py::class_<View, Extra...>& cls, bool module_scope)
+// A property per setting the view addresses: the detector every setting, a
+// module the module and chip settings, a chip its own.
+template <typename View, typename... Extra>
+void add_settings(py::class_<View, Extra...>& cls, std::initializer_list<varkel_setting_scope_t> scopes)
 {
-  for (const Field& f : kFields) {
-    if (f.scope == Scope::module && !module_scope)
+  for (const Setting& setting : settings()) {
+    if (std::find(scopes.begin(), scopes.end(), setting.s->scope) == scopes.end())
       continue;
-    cls.def_property(f.name, py::cpp_function([&f](View& view) {
+    const py::cpp_function get([&setting](View& view) {
+      const auto [m, c] = address_of(view);
+      return to_python(setting.kind, detector_of(view).get(setting.s, m, c));
+    });
+    const std::string doc = std::string(setting.s->help) + (*setting.s->values ? ": " : "") + setting.s->values;
+    if (!setting.s->writable) {
+      cls.def_property_readonly(setting.attribute.c_str(), get, doc.c_str());
+      continue;
+    }
+    cls.def_property(setting.attribute.c_str(), get, py::cpp_function([&setting](View& view, py::handle value) {
                        const auto [m, c] = address_of(view);
-                       return detector_of(view).get_field(f, m, c);
+                       detector_of(view).put(setting.s, m, c, value);
                      }),
-                     py::cpp_function([&f](View& view, py::handle value) {
-                       const auto [m, c] = address_of(view);
-                       detector_of(view).set_field(f, m, c, value);
-                     }),
-                     f.doc);
+                     doc.c_str());
   }
 }
 
@@ -687,7 +710,6 @@ PYBIND11_MODULE(_varkel, m)
       .def("close", &Detector::close)
       .def("__enter__", [](Detector& d) -> Detector& { return d; })
       .def("__exit__", [](Detector& d, py::args) { d.close(); })
-      .def_property("readout_mode", &Detector::readout_mode, &Detector::set_readout_mode)
       .def("module", &module_of, py::arg("module"))
       .def("chip", &chip_of, py::arg("module"), py::arg("chip"))
       .def_property_readonly("chips", [](Detector& d) { return Chips{d.shared_from_this()}; })
@@ -716,24 +738,24 @@ PYBIND11_MODULE(_varkel, m)
            "A copy of the sample frame: on the detector face (-1 in the gaps), or with placed=False a read-only "
            "view of the handle's copy, (modules, boards, chips, 256, 256), overwritten by the next frame().")
       .def("_read_back_in_c", &Detector::read_back_in_c, py::arg("count"));
-  add_fields(det, true);
+  add_settings(det, {VARKEL_SETTING_DETECTOR, VARKEL_SETTING_MODULE, VARKEL_SETTING_CHIP});
 
   py::class_<Module> module(m, "Module");
   module.def_readonly("number", &Module::module).def("chip", [](Module& x, int chip) {
     return chip_of(*x.det, x.module, chip);
   });
-  add_fields(module, true);
+  add_settings(module, {VARKEL_SETTING_MODULE, VARKEL_SETTING_CHIP});
 
   py::class_<Chip> chip(m, "Chip");
   chip.def_readonly("module", &Chip::module)
       .def_readonly("number", &Chip::chip)
       .def("__getitem__",
-           [](Chip& c, py::handle dac) { return static_cast<int>(c.det->dac(c.module, c.chip, dac, false)); })
+           [](Chip& c, py::handle dac) { return static_cast<int>(c.det->get(dac_setting(dac), c.module, c.chip)); })
       .def("__setitem__",
-           [](Chip& c, py::handle dac, int value) { c.det->set_dac_value(c.module, c.chip, dac, value); })
+           [](Chip& c, py::handle dac, py::handle value) { c.det->put(dac_setting(dac), c.module, c.chip, value); })
       .def(
-          "voltage", [](Chip& c, py::handle dac) { return c.det->dac(c.module, c.chip, dac, true); }, py::arg("dac"));
-  add_fields(chip, false);
+          "voltage", [](Chip& c, py::handle dac) { return c.det->dac_voltage(c.module, c.chip, dac); }, py::arg("dac"));
+  add_settings(chip, {VARKEL_SETTING_CHIP});
 
   py::class_<Chips>(m, "Chips").def("__getitem__", [](Chips& c, std::pair<int, int> at) {
     return chip_of(*c.det, at.first, at.second);
@@ -741,8 +763,8 @@ PYBIND11_MODULE(_varkel, m)
 
   m.attr("DAC_NAMES") = [] {
     py::list names;
-    for (auto n : kDacNames)
-      names.append(py::str(n.data(), n.size()));
+    for (const auto& n : dac_names())
+      names.append(n);
     return names;
   }();
   m.def("save_png", &save_png, py::arg("path"), py::arg("image"), py::arg("bin") = 4);
