@@ -16,60 +16,23 @@ fields, every chip) and reads module 1 (its first working chip);
 
 The properties are the library's settings by name (settings.h), "-" written
 "_": ``det.trigger``, ``det.read_counter``, ``det.counter_depth`` ...; they take
-numbers or the settings' value names (``det.polarity = "holes"``), and read back
-through the library's read-backs. ``det.frame()`` is the sample frame as a numpy
-array, ``det.acquire(...)`` runs an acquisition with a progress callback.
+numbers or the settings' value names (``det.polarity = "holes"``; each
+property's help lists them), and read back numbers through the library's
+read-backs. ``det.frame()`` is the sample frame as a numpy array,
+``det.acquire(...)`` runs an acquisition with a progress callback.
 
 Every non-zero result of the library raises ``varkel.Error`` with ``.code``;
 every call that talks to the detector releases the GIL, and one Detector serves
 one call at a time, whichever thread makes it.
 """
 
-import enum
 import os
 import sys
 
 from ._varkel import DAC_NAMES, Chip, Detector, Error, Module, Simulator, save_png
 from . import _varkel
 
-__all__ = [
-    "Chip", "CounterDepth", "DAC_NAMES", "Detector", "Error", "Gain", "ImageMode", "Module",
-    "ReadoutMode", "Simulator", "TriggerMode", "redirect_library_output", "save_png",
-]
-
-
-class TriggerMode(enum.IntEnum):
-    INTERNAL = 0
-    EXTERNAL_POS_EDGE = 1
-    EXTERNAL_NEG_EDGE = 2
-
-
-class ImageMode(enum.IntEnum):
-    SINGLE = 0
-    MULTIPLE = 1
-    CONTINUOUS = 2
-    THRESHOLD = 3
-
-
-class ReadoutMode(enum.IntEnum):
-    DEFAULT = 0
-    CRW = 1
-    BITS24 = 2
-    DUAL_ENERGY = 3
-
-
-class Gain(enum.IntEnum):
-    SUPER_HIGH = 0
-    LOW = 1
-    HIGH = 2
-    SUPER_LOW = 3
-
-
-class CounterDepth(enum.IntEnum):
-    BITS1 = 0
-    BITS12 = 1
-    BITS6 = 2
-    BITS24 = 3
+__all__ = ["Chip", "DAC_NAMES", "Detector", "Error", "Module", "Simulator", "redirect_library_output", "save_png"]
 
 
 def redirect_library_output(path):

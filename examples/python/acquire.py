@@ -32,10 +32,10 @@ def main():
         print(f"{det.model}: {det.modules} module(s), data server at {sim.data_server[0]}:{sim.data_server[1]}")
         print(f"  chips switched off: {det.check_chips()}")
         det.define_master(1)  # module 1 leads, the others start on its shutter's rising edge
-        det.readout_mode = varkel.ReadoutMode.DEFAULT
+        det.readout_mode = "default"
         det.bias = 15.5
-        det.gain = varkel.Gain.HIGH
-        print(f"  bias {det.bias} V, gain {varkel.Gain(det.gain).name}")
+        det.gain = "high"
+        print(f"  bias {det.bias} V, gain {det.gain}")
         start = time.monotonic()
         det.acquire(exposure=a.exposure, period=a.period, exposures=a.exposures, progress=progress)
         took = time.monotonic() - start
