@@ -14,7 +14,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <strings.h>
 #include <thread>
 #include <unistd.h>
 
@@ -133,8 +132,13 @@ py::object to_python(Kind kind, double x)
 // A number, or one of the setting's value names ("holes").
 double from_python(const varkel_setting_t* s, py::handle value)
 {
-  if (!py::isinstance<py::str>(value))
-    return value.cast<double>();
+  if (!py::isinstance<py::str>(value)) {
+    try {
+      return value.cast<double>();
+    } catch (const py::cast_error&) {
+      throw py::type_error(std::string(s->name) + " takes a number or a value name");
+    }
+  }
   double x = 0;
   if (varkel_setting_parse(s, value.cast<std::string>().c_str(), &x) != 0)
     throw py::value_error(value.cast<std::string>() + " is not a value of " + s->name + ": " + s->values);

@@ -13,6 +13,8 @@ import varkel
 from conftest import MISSING
 
 ROOT = os.path.join(os.path.dirname(__file__), "..", "..")
+MESSAGES = {-1: "Address not found", -2: "Read message error", -3: "Command failed", -4: "Invalid dac field",
+            -5: "Dac value out of range"}
 
 
 def test_typical_use(det):
@@ -75,24 +77,24 @@ def test_errors(det, workdir):
     for call, code in cases:
         with pytest.raises(varkel.Error) as e:
             call()
-        assert (e.value.code, str(e.value)) == (code, varkel_message(code)), call
+        assert (e.value.code, str(e.value)) == (code, MESSAGES[code]), call
     assert (det.exposure, det.period) == (0.05, 0.1)  # nothing refused was applied
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))  # bound, never listening: refused
         with pytest.raises(varkel.Error) as e:
             det.connect_backend(*s.getsockname())
     assert e.value.code == errno.ECONNREFUSED and isinstance(e.value, RuntimeError)
-    for call, kind in [(lambda: det.module(5), IndexError), (lambda: det.chip(1, 37), IndexError),
-                       (lambda: det.dacs[1, 1]["NoSuchDac"], KeyError), (set_(det, "polarity", "up"), ValueError),
-                       (lambda: varkel.Detector("octo"), ValueError),
-                       (lambda: varkel.save_png(os.path.join(workdir, "x", "y.png"), np.zeros((2, 2))), OSError)]:
+    for call, kind in [
+        (lambda: det.module(5), IndexError),
+        (lambda: det.chip(1, 37), IndexError),
+        (lambda: det.dacs[1, 1]["NoSuchDac"], KeyError),
+        (set_(det, "polarity", "up"), ValueError),
+        (set_(det, "gain", None), TypeError),
+        (lambda: varkel.Detector("octo"), ValueError),
+        (lambda: varkel.save_png(os.path.join(workdir, "x", "y.png"), np.zeros((2, 2))), OSError),
+    ]:
         with pytest.raises(kind):
             call()
-
-
-def varkel_message(code):
-    return {-1: "Address not found", -2: "Read message error", -3: "Command failed", -4: "Invalid dac field", -5: "Dac value out of range",
-            }[code]
 
 
 def test_calls_release_the_gil_and_take_turns(det):
