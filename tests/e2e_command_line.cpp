@@ -196,7 +196,7 @@ TEST(CommandLine, InitAcquireWithProgressAndPicture)
   EXPECT_EQ(r->integer({"taken"}), 3);
   for (int m = 0; m < 4; ++m)
     EXPECT_EQ(r->integer({"frames", m}), 3);
-  EXPECT_EQ(r->integer({"png", "width"}), 788);
+  EXPECT_EQ(r->integer({"png", "width"}), 789);
   EXPECT_EQ(slurp(png).substr(1, 3), "PNG");
   fs::remove(png);
 

@@ -45,7 +45,7 @@ def test_typical_use(det):
     assert seen[-1] == 1.0 and seen == sorted(seen)
 
     face, raw = det.frame(), det.frame(placed=False)
-    assert face.shape == (3152, 3152) and raw.shape == (4, 3, 12, 256, 256)
+    assert face.shape == (3156, 3156) and raw.shape == (4, 3, 12, 256, 256)
     assert not raw.flags.writeable and face.dtype == raw.dtype == np.int32
     # Module 1, board 0, chip 0 is the top-left chip of the face, 4-pixel gaps after it.
     assert np.array_equal(face[:256, :256], raw[0, 0, 0]) and (face[:, 256:260] == -1).all()

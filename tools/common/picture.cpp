@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kChip = 256;
 constexpr int kChipGap = 4;
-constexpr int kModuleGap = 40;
+constexpr int kModuleGap = 44;  // between modules, as the simulator lays out its frame
 constexpr int kChipsPerRow = 6; // chip columns (and rows) of one module on the face
 
 int cell_origin(int cell) { return cell * (kChip + kChipGap) + (cell >= kChipsPerRow ? kModuleGap - kChipGap : 0); }

@@ -19,7 +19,7 @@ struct Face {
 
 // The frame (module by module, boards 0..2, chips 0..11, each 256 x 256 pixels:
 // the sample frame's order) with each chip in its place on the detector face by
-// the library's placement table, 4-pixel gaps between chips and 40 between
+// the library's placement table, 4-pixel gaps between chips and 44 between
 // modules. Trio and quad models only; nullopt for the others.
 std::optional<Face> place_on_face(const varkel_t* v, const int32_t* frame);
 
