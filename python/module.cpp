@@ -449,7 +449,7 @@ public:
   // and polls until the controller is done, calling progress(fraction) between
   // polls. Stops the detector on a timeout, an exception or Ctrl-C.
   void acquire(std::optional<double> exposure, std::optional<double> period, std::optional<int> exposures,
-               py::object progress, std::optional<double> timeout)
+               py::object progress, std::optional<double> timeout, std::optional<int> lead)
   {
     const varkel_setting_t* exposure_setting = varkel_setting_find("exposure");
     const varkel_setting_t* period_setting = varkel_setting_find("period");
@@ -468,6 +468,10 @@ public:
       put(period_setting, 0, 0, py::float_(*period));
     if (exposures)
       put(varkel_setting_find("exposures"), 0, 0, py::int_(*exposures));
+    // Without a leading module only module 1 starts: by default every module takes
+    // the same exposures, module `lead` leading with its shutter output.
+    if (lead && handle().max_num_modules > 1)
+      define_master(*lead, false, VARKEL_TRIGGER_MODE_EXTERNAL_POS_EDGE);
     exec([](varkel_t* v) {
       if (v->backend_socket < 0)
         return 0;
@@ -730,8 +734,9 @@ PYBIND11_MODULE(_varkel, m)
            "NaN for chips missing or off.")
       .def("acquire", &Detector::acquire, py::kw_only(), py::arg("exposure") = py::none(),
            py::arg("period") = py::none(), py::arg("exposures") = py::none(), py::arg("progress") = py::none(),
-           py::arg("timeout") = py::none(),
-           "Sets what is given, prepares the data server, acquires and waits, calling progress(fraction); stops "
+           py::arg("timeout") = py::none(), py::arg("lead") = 1,
+           "Sets what is given, lets module `lead` lead the others with its shutter output (None: the trigger "
+           "arrangement stays as set), prepares the data server, acquires and waits, calling progress(fraction); stops "
            "the detector on an exception, Ctrl-C or the timeout (TimeoutError; default twice the expected time + "
            "10 s).")
       .def("define_master", &Detector::define_master, py::arg("module") = 1, py::arg("external") = false,

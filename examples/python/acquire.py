@@ -31,7 +31,6 @@ def main():
         det.connect(sim)
         print(f"{det.model}: {det.modules} module(s), data server at {sim.data_server[0]}:{sim.data_server[1]}")
         print(f"  chips switched off: {det.check_chips()}")
-        det.define_master(1)  # module 1 leads, the others start on its shutter's rising edge
         det.readout_mode = "default"
         det.bias = 15.5
         det.gain = "high"

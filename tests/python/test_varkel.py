@@ -38,7 +38,6 @@ def test_typical_use(det):
     t = det.temperatures()
     assert t["average"].shape == (4,) and t["boards"].shape == (4, 3, 16) and t["chips"].shape == (4, 36)
     assert np.isnan(t["chips"][1, 28]) and np.isfinite(t["chips"][1, 27]) and 20 < t["average"][0] < 60
-    det.define_master(1)
     det.readout_mode = "default"
     seen = []
     det.acquire(progress=seen.append)
@@ -98,7 +97,6 @@ def test_errors(det, workdir):
 
 
 def test_calls_release_the_gil_and_take_turns(det):
-    det.define_master(1)
     det.period, det.exposure, det.exposures = 0.1, 0.05, 6
     gap, reads, stop = [0.0], [], threading.Event()
 
