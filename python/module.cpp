@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "common/console.hpp"
+#include "common/endpoint.hpp"
 #include "common/picture.hpp"
 #include "common/simulated.hpp"
 #include "settings.h"
@@ -297,13 +298,11 @@ public:
     if (modules.size() != handle().max_num_modules)
       throw py::value_error("the model has " + std::to_string(handle().max_num_modules) + " module(s), " +
                             std::to_string(modules.size()) + " address(es) given");
-    std::vector<const char*> hosts;
-    std::vector<uint16_t> ports;
-    for (const auto& [host, port] : modules) {
-      hosts.push_back(host.c_str());
-      ports.push_back(port);
-    }
-    exec([&](varkel_t* v) { return varkel_connect(v, hosts.data(), ports.data()); });
+    std::vector<varkel::tools::Endpoint> endpoints;
+    for (const auto& [host, port] : modules)
+      endpoints.push_back({host, port});
+    const varkel::tools::AddressLists a(endpoints);
+    exec([&](varkel_t* v) { return varkel_connect(v, a.hosts.data(), a.ports.data()); });
   }
 
   void connect_simulator(const Simulator& sim)

@@ -176,14 +176,9 @@ public:
 
   Outcome connect_modules(const std::vector<Endpoint>& modules)
   {
-    std::vector<const char*> hosts;
-    std::vector<uint16_t> ports;
-    for (const auto& e : modules) {
-      hosts.push_back(e.host.c_str());
-      ports.push_back(e.port);
-    }
+    const varkel::tools::AddressLists a(modules);
     const auto t0 = Clock::now();
-    const int rc = varkel_connect(v_, hosts.data(), ports.data());
+    const int rc = varkel_connect(v_, a.hosts.data(), a.ports.data());
     const double parallel = ms(Clock::now() - t0);
     std::string ratio;
     if (sequential_ms_ > 0)

@@ -14,19 +14,6 @@ namespace {
 
 std::string address(const tools::Endpoint& e) { return format("%s:%u", e.host.c_str(), e.port); }
 
-// The modules' addresses as the library's connection calls take them.
-struct Addresses {
-  explicit Addresses(const std::vector<tools::Endpoint>& modules)
-  {
-    for (const auto& e : modules) {
-      hosts.push_back(e.host.c_str());
-      ports.push_back(e.port);
-    }
-  }
-  std::vector<const char*> hosts;
-  std::vector<uint16_t> ports;
-};
-
 } // namespace
 
 bool Detector::configure(const Options& options, Output& out)
@@ -147,7 +134,7 @@ bool Detector::open(Reach reach, bool frame, Output& out)
 bool Detector::attach(Output& out)
 {
   varkel_t* v = handle_.get();
-  const Addresses a(modules_);
+  const tools::AddressLists a(modules_);
   const int rc = varkel_attach(v, a.hosts.data(), a.ports.data());
   bool ok = true;
   for (int m = 0; m < v->max_num_modules; ++m) {
@@ -175,7 +162,7 @@ bool Detector::connect_all(Output& out)
     out.fail(0, 0, rc, "cannot connect the data server at " + address(*data_server_));
     return false;
   }
-  const Addresses a(modules_);
+  const tools::AddressLists a(modules_);
   const int rc = varkel_connect(v, a.hosts.data(), a.ports.data());
   bool named = false;
   for (int m = 0; m < v->max_num_modules; ++m)

@@ -16,4 +16,12 @@ std::optional<Endpoint> parse_endpoint(const std::string& text)
   return Endpoint{text.substr(0, colon), static_cast<uint16_t>(port)};
 }
 
+AddressLists::AddressLists(const std::vector<Endpoint>& modules)
+{
+  for (const Endpoint& e : modules) {
+    hosts.push_back(e.host.c_str());
+    ports.push_back(e.port);
+  }
+}
+
 } // namespace varkel::tools

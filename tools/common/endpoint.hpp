@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace varkel::tools {
 
@@ -14,5 +15,13 @@ struct Endpoint {
 
 // "HOST:PORT" with a port 1..65535; nullopt for anything else.
 std::optional<Endpoint> parse_endpoint(const std::string& text);
+
+// Modules' addresses as the library's connection calls take them: valid while the
+// endpoints they were made from live.
+struct AddressLists {
+  explicit AddressLists(const std::vector<Endpoint>& modules);
+  std::vector<const char*> hosts;
+  std::vector<uint16_t> ports;
+};
 
 } // namespace varkel::tools
