@@ -14,13 +14,13 @@ build: deps
 	cmake -S . -B build -DVARKEL_WERROR=$(WERROR) $(CMAKE_FLAGS) >/dev/null
 	cmake --build build -j $(JOBS)
 
-# The main job on the simulator, in this process. Builds the demo and the
-# simulator, which the README runs on its own next.
+# The main job on the simulator, in this process. Builds the demo and what the
+# README runs next: the simulator on its own, the command line, the Python package.
 # Each simulated controller takes 2 ms per reply, so that the parallel bring-up shows.
 DEMO_FLAGS ?= --latency-us 2000
 demo: deps
 	cmake -S . -B build -DVARKEL_WERROR=$(WERROR) $(CMAKE_FLAGS) >/dev/null
-	cmake --build build -j $(JOBS) --target varkel-demo varkel-sim
+	cmake --build build -j $(JOBS) --target varkel_programs
 	./build/tools/varkel-demo $(DEMO_FLAGS) --png build/varkel-demo.png --log build/varkel-demo.log
 
 test: build
