@@ -14,7 +14,7 @@
 #include "fake_controller.hpp"
 #include "fake_data_server.hpp"
 #include "files.hpp"
-#include "simulator.hpp"
+#include "simulated_detector.hpp"
 
 namespace {
 
@@ -70,16 +70,11 @@ std::unique_ptr<Run> varkel(const std::vector<std::string>& args)
   return r;
 }
 
-// A simulator in this process (no machine-wide segment: these tests run beside
-// others), addressed by --module like a detector elsewhere.
+// A simulator in this process, addressed by --module like a detector elsewhere.
 struct Addressed {
-  explicit Addressed(std::vector<sim::MissingChip> missing = {}) : sim(options(std::move(missing))) {}
-  static sim::Options options(std::vector<sim::MissingChip> missing)
+  explicit Addressed(std::vector<sim::MissingChip> missing = {})
+      : sim(varkel::testing::options_without_frame(varkelQuad, std::move(missing)))
   {
-    sim::Options o;
-    o.publish_frame = false;
-    o.missing = std::move(missing);
-    return o;
   }
   std::vector<std::string> args(std::vector<std::string> rest, bool data_server = true) const
   {

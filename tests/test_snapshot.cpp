@@ -14,13 +14,6 @@ using namespace varkel::testing;
 namespace {
 
 struct Snapshots : ::testing::Test {
-  static varkel::sim::Options options()
-  {
-    varkel::sim::Options o = options_for(varkelQuad);
-    o.publish_frame = false;
-    o.missing = {{2, 30}};
-    return o;
-  }
   void SetUp() override
   {
     ASSERT_EQ(det.connected, 0);
@@ -52,7 +45,7 @@ struct Snapshots : ::testing::Test {
     return out;
   }
 
-  SimulatedDetector det{options()};
+  SimulatedDetector det{options_without_frame(varkelQuad, {{2, 30}})};
   varkel_snapshot_report_t report{};
   TempFile saved{"saved"}, changed{"changed"};
 };

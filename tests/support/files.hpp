@@ -1,4 +1,4 @@
-// Files of a test: reading one whole, and a temporary one in the test's own
+// Files of a test: reading one whole, working in a directory, and a temporary one in the test's own
 // directory that goes with the object.
 #pragma once
 
@@ -15,6 +15,16 @@ inline std::string read_file(const std::filesystem::path& path)
 {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Runs `step` in directory `dir`, then goes back to where it was.
+template <typename Step> auto in_directory(const std::filesystem::path& dir, Step&& step)
+{
+  const auto here = std::filesystem::current_path();
+  std::filesystem::current_path(dir);
+  const auto result = step();
+  std::filesystem::current_path(here);
+  return result;
 }
 
 struct TempFile {
