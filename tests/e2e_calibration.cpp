@@ -2,9 +2,9 @@
 // module, their read-back, a bias ramp on every board, the band-gap defaults.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <vector>
 
+#include "files.hpp"
 #include "simulated_detector.hpp"
 #include "utils.h"
 #include "varkel.h"
@@ -13,19 +13,17 @@ namespace {
 
 TEST(Calibration, FilesDacsBiasAndBandGapOnTheSimulator)
 {
-  varkel::sim::Options options;
-  options.publish_frame = false;
-  varkel::testing::SimulatedDetector d(options);
+  varkel::testing::SimulatedDetector d(varkel::testing::options_without_frame(varkelQuad));
   ASSERT_EQ(d.connected, 0);
   varkel_t* v = d.v;
 
   // The example files, named from the repository's root.
-  const auto here = std::filesystem::current_path();
-  std::filesystem::current_path(VARKEL_SOURCE_DIR);
   dac_data files[4] = {};
-  ASSERT_EQ(read_default_dacs("examples/dacs/index.ini", files), 0);
-  EXPECT_EQ(configure_module_dacs_with_file(v, "examples/dacs/index.ini"), 0);
-  std::filesystem::current_path(here);
+  const char* index = "examples/dacs/index.ini";
+  const auto rc = varkel::testing::in_directory(VARKEL_SOURCE_DIR, [&] {
+    return std::pair(read_default_dacs(index, files), configure_module_dacs_with_file(v, index));
+  });
+  ASSERT_EQ(rc, std::pair(0, 0));
 
   // Module 2 reads back its own file's values.
   ASSERT_EQ(select_module(v, 2), 0);

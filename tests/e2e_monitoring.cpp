@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <unistd.h>
 
+#include "files.hpp"
 #include "simulated_detector.hpp"
 #include "varkel.h"
 
@@ -13,10 +13,7 @@ namespace {
 
 TEST(Monitoring, PresenceResetScansAndTemperaturesOnTheSimulator)
 {
-  varkel::sim::Options options;
-  options.missing = {{3, 17}};
-  options.publish_frame = false;
-  varkel::testing::SimulatedDetector d(options);
+  varkel::testing::SimulatedDetector d(varkel::testing::options_without_frame(varkelQuad, {{3, 17}}));
   ASSERT_EQ(d.connected, 0);
   varkel_t* v = d.v;
 
@@ -27,11 +24,8 @@ TEST(Monitoring, PresenceResetScansAndTemperaturesOnTheSimulator)
 
   // A reset drops the links; the re-initialisation brings them back and loads the files.
   const auto reset_and_init = [&] {
-    const auto here = std::filesystem::current_path();
-    std::filesystem::current_path(VARKEL_SOURCE_DIR);
-    const int rc = varkel_reset_and_init(v, "examples/dacs/index.ini");
-    std::filesystem::current_path(here);
-    return rc;
+    return varkel::testing::in_directory(VARKEL_SOURCE_DIR,
+                                         [&] { return varkel_reset_and_init(v, "examples/dacs/index.ini"); });
   };
   EXPECT_EQ(reset_and_init(), 0);
   for (int m = 1; m <= 4; ++m)

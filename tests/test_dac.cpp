@@ -1,7 +1,6 @@
 // DAC writes with their fan-outs, read-backs into the caches and the presets,
 // against fake controllers on loopback.
 #include <algorithm>
-#include <condition_variable>
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -72,19 +71,13 @@ TEST(Dac, AllChipsOfAllModulesRunsOneWorkerPerModuleAndOrsTheFailures)
   varkel_t* v = det.handle();
   // Each module holds its reply until all four requests are in: only workers
   // running side by side get past it in time.
-  std::mutex mutex;
-  std::condition_variable all_in;
-  int arrived = 0;
-  bool in_time = true;
+  Rendezvous all_four(4);
   det.answer_all([&](const Request&) {
-    std::unique_lock lock(mutex);
-    ++arrived;
-    all_in.notify_all();
-    in_time = all_in.wait_for(lock, std::chrono::seconds(10), [&] { return arrived == 4; }) && in_time;
+    all_four.arrive();
     return Reply::result("OK");
   });
   EXPECT_EQ(US_Set_DAC(v, DAC_CAS, 128, VARKEL_SEND_ALL_CHIPS_ALL_MODULES, VARKEL_THREAD_MAIN), 0);
-  EXPECT_TRUE(in_time);
+  EXPECT_FALSE(all_four.stalled);
   for (int m = 1; m <= 4; ++m)
     EXPECT_EQ(det.module(m).commands(), Commands{dac_cmd(3, 23, 128)});
 

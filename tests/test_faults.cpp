@@ -268,10 +268,15 @@ TEST(LoopbackServerDeathTest, FailingAcceptDoesNotSpin)
     // checks at thread start need a descriptor of their own.
     while (!session_running)
       std::this_thread::yield();
+    // A second client, connected once no descriptor is left: its connection waits
+    // in the backlog, and every accept of it fails.
+    const int waiting = socket(AF_INET, SOCK_STREAM, 0);
     const int lowest_free = dup(0);
     close(lowest_free);
     const rlimit limit{static_cast<rlim_t>(lowest_free), static_cast<rlim_t>(lowest_free)};
     setrlimit(RLIMIT_NOFILE, &limit);
+    sockaddr_in to{AF_INET, htons(server.port()), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(connect(waiting, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
     timespec cpu[2];
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpu[0]);
     std::this_thread::sleep_for(300ms);

@@ -35,14 +35,24 @@ FakeController::Handler replies(std::map<std::string, std::string> texts)
   };
 }
 
-const std::map<std::string, std::string> kReadBacks = {{"HS_AcquireTime_Command", "0.250000"},
-                                                       {"HS_Trigger_Command", "2"},
-                                                       {"HS_Get_OMR", "2"},
-                                                       {"HS_ImgChipDAC", "132"},
-                                                       {"HS_ImageMode_Command", "1"}};
+// The same command on every module of the quad, in module order.
+Commands on_all(const std::string& command) { return {"1:" + command, "2:" + command, "3:" + command, "4:" + command}; }
+
+// `command` on module m after selecting its board and chip (both as the controller numbers them).
+Commands on_chip(int m, int board, int chip, const std::string& command)
+{
+  const std::string at = std::to_string(m) + ":";
+  return {at + "SelectMedipixBoard_Command 1 " + std::to_string(board),
+          at + "HS_ImgChipNumberID_Command 1 " + std::to_string(chip), at + command};
+}
 
 TEST(Settings, GetSendsTheReadBackOfEachShape)
 {
+  const std::map<std::string, std::string> read_backs = {{"HS_AcquireTime_Command", "0.250000"},
+                                                         {"HS_Trigger_Command", "2"},
+                                                         {"HS_Get_OMR", "2"},
+                                                         {"HS_ImgChipDAC", "132"},
+                                                         {"HS_ImageMode_Command", "1"}};
   struct Case {
     const char* name;
     int module, chip;
@@ -52,18 +62,14 @@ TEST(Settings, GetSendsTheReadBackOfEachShape)
   const Case cases[] = {
       {"exposure", 2, 0, {"2:HS_AcquireTime_Command 0 0"}, 0.25},
       {"trigger", 1, 0, {"1:HS_Trigger_Command 0 0"}, 2},
-      {"gain", 3, 14, {"3:SelectMedipixBoard_Command 1 1", "3:HS_ImgChipNumberID_Command 1 1", "3:HS_Get_OMR 17"}, 2},
-      {"dac.GND",
-       1,
-       1,
-       {"1:SelectMedipixBoard_Command 1 2", "1:HS_ImgChipNumberID_Command 1 0", "1:HS_ImgChipDAC 0 20 0"},
-       132},
+      {"gain", 3, 14, on_chip(3, 1, 1, "HS_Get_OMR 17"), 2},
+      {"dac.GND", 1, 1, on_chip(1, 2, 0, "HS_ImgChipDAC 0 20 0"), 132},
       {"readout-mode", 0, 0, {"1:HS_ImageMode_Command 0 0"}, VARKEL_MEDIPIX_MODE_CRW},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     FakeDetector det(varkelQuad);
-    det.answer_all(replies(kReadBacks));
+    det.answer_all(replies(read_backs));
     double value = -1;
     EXPECT_EQ(varkel_setting_get(det.handle(), named(c.name), c.module, c.chip, &value), 0);
     EXPECT_EQ(det.all_commands(), c.sent);
@@ -86,42 +92,16 @@ TEST(Settings, PutUsesTheLibrarysSetterAndFanOut)
     int rc;
     Commands sent;
   };
+  Commands exposure = on_all("HS_AcquireTime_Command 1 500000");
+  exposure.insert(exposure.begin() + 3, "4:HS_AcquirePeriod_Command 0 0");
   const Case cases[] = {
-      {"exposure",
-       0,
-       0,
-       0.5,
-       0,
-       {"1:HS_AcquireTime_Command 1 500000", "2:HS_AcquireTime_Command 1 500000", "3:HS_AcquireTime_Command 1 500000",
-        "4:HS_AcquirePeriod_Command 0 0", "4:HS_AcquireTime_Command 1 500000"}},
-      {"trigger",
-       0,
-       0,
-       1,
-       0,
-       {"1:HS_Trigger_Command 1 1", "2:HS_Trigger_Command 1 1", "3:HS_Trigger_Command 1 1",
-        "4:HS_Trigger_Command 1 1"}},
+      {"exposure", 0, 0, 0.5, 0, exposure},
+      {"trigger", 0, 0, 1, 0, on_all("HS_Trigger_Command 1 1")},
       {"image-mode", 2, 0, 1, 0, {"2:HS_ImageMode_Command 1 1", "2:HS_ImageMode_Command 0 0"}},
       {"polarity", 2, 0, 1, 0, {"2:HS_ImgChipOMR 3 2 1"}},
-      {"colour-mode",
-       1,
-       5,
-       1,
-       0,
-       {"1:SelectMedipixBoard_Command 1 2", "1:HS_ImgChipNumberID_Command 1 4", "1:HS_Set_OMR 12 1"}},
-      {"ext-bg-select",
-       4,
-       36,
-       1,
-       0,
-       {"4:SelectMedipixBoard_Command 1 0", "4:HS_ImgChipNumberID_Command 1 11", "4:HS_ImgChipOMR 1 20 1"}},
-      {"dac.GND",
-       0,
-       0,
-       100,
-       0,
-       {"1:HS_ImgChipDAC 3 20 100", "2:HS_ImgChipDAC 3 20 100", "3:HS_ImgChipDAC 3 20 100",
-        "4:HS_ImgChipDAC 3 20 100"}},
+      {"colour-mode", 1, 5, 1, 0, on_chip(1, 2, 4, "HS_Set_OMR 12 1")},
+      {"ext-bg-select", 4, 36, 1, 0, on_chip(4, 0, 11, "HS_ImgChipOMR 1 20 1")},
+      {"dac.GND", 0, 0, 100, 0, on_all("HS_ImgChipDAC 3 20 100")},
       {"dac.THRESHOLD0", 3, 0, 511, 0, {"3:HS_ImgChipDAC 3 1 511"}},
       // Refused before anything is sent.
       {"dac.GND", 1, 1, 256, -3, {}},

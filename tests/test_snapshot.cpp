@@ -1,14 +1,11 @@
 // Configuration snapshots on the simulator: the round trip, what a refused file
 // sends (nothing), and how many commands an apply costs.
 #include <algorithm>
-#include <cstdlib>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <set>
-#include <sstream>
 #include <tuple>
-#include <unistd.h>
 
+#include "files.hpp"
 #include "simulated_detector.hpp"
 #include "snapshot.h"
 
@@ -16,44 +13,22 @@ using namespace varkel::testing;
 
 namespace {
 
-// A file in the test's temporary directory, removed with the object.
-struct TempFile {
-  explicit TempFile(const std::string& name)
-      : path(std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/" + name + "-" +
-             std::to_string(getpid()) + ".ini")
-  {
-  }
-  ~TempFile() { std::remove(path.c_str()); }
-  std::string text() const
-  {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
-  void write(const std::string& text) const { std::ofstream(path) << text; }
-  const std::string path;
-};
-
 struct Snapshots : ::testing::Test {
-  static varkel::sim::Options options()
-  {
-    varkel::sim::Options o = options_for(varkelQuad);
-    o.publish_frame = false;
-    o.missing = {{2, 30}};
-    return o;
-  }
   void SetUp() override
   {
     ASSERT_EQ(det.connected, 0);
     det.v->sensor_disabled[1][29] = true; // as the presence check leaves it
   }
   void TearDown() override { varkel_snapshot_report_free(&report); }
-  uint64_t sent() const
+  // Commands the simulator received, per module (index 1 to 4) and in all (index 0).
+  std::vector<uint64_t> counts() const
   {
-    uint64_t n = 0;
+    std::vector<uint64_t> n(5);
     for (int m = 1; m <= 4; ++m)
-      n += det.sim.commands(m);
+      n[0] += n[m] = det.sim.commands(m);
     return n;
   }
+  uint64_t sent() const { return counts()[0]; }
   void put(const char* name, int module, int chip, double value)
   {
     ASSERT_EQ(varkel_setting_put(det.v, varkel_setting_find(name), module, chip, value), 0) << name;
@@ -70,7 +45,7 @@ struct Snapshots : ::testing::Test {
     return out;
   }
 
-  SimulatedDetector det{options()};
+  SimulatedDetector det{options_without_frame(varkelQuad, {{2, 30}})};
   varkel_snapshot_report_t report{};
   TempFile saved{"saved"}, changed{"changed"};
 };
@@ -127,24 +102,22 @@ TEST_F(Snapshots, ApplySendsOnlyWhatDiffers)
 {
   ASSERT_EQ(varkel_snapshot_save(det.v, saved.path.c_str(), &report), 0);
   const size_t reads = report.commands;
-  std::vector<uint64_t> before(5), unchanged(5);
-  for (int m = 1; m <= 4; ++m)
-    before[m] = det.sim.commands(m);
+  std::vector<uint64_t> unchanged = counts();
   ASSERT_EQ(varkel_snapshot_apply(det.v, saved.path.c_str(), &report), 0);
   EXPECT_EQ(report.count, 0u);
   EXPECT_EQ(report.commands, reads);
-  for (int m = 1; m <= 4; ++m)
-    unchanged[m] = det.sim.commands(m) - before[m];
+  const std::vector<uint64_t> before = counts();
+  for (int m = 0; m <= 4; ++m)
+    unchanged[m] = before[m] - unchanged[m];
 
   put("dac.FBK", 2, 7, 10);
-  for (int m = 1; m <= 4; ++m)
-    before[m] = det.sim.commands(m);
+  const std::vector<uint64_t> put_done = counts();
   ASSERT_EQ(varkel_snapshot_apply(det.v, saved.path.c_str(), &report), 0);
   ASSERT_EQ(report.count, 1u);
   EXPECT_STREQ(report.entries[0].name, "dac.FBK");
   EXPECT_EQ(report.commands, reads + 4);
   for (int m = 1; m <= 4; ++m)
-    EXPECT_EQ(det.sim.commands(m) - before[m], unchanged[m] + (m == 2 ? 4 : 0)) << m;
+    EXPECT_EQ(counts()[m] - put_done[m], unchanged[m] + (m == 2 ? 4 : 0)) << m;
 }
 
 TEST_F(Snapshots, RefusedFileSendsNothingAndNamesItsLine)
@@ -157,9 +130,8 @@ TEST_F(Snapshots, RefusedFileSendsNothingAndNamesItsLine)
     EXPECT_NE(at, std::string::npos) << from;
     return text.replace(at, from.size(), to);
   };
-  const auto line_of = [&](const std::string& what) {
-    const std::string head = good.substr(0, good.find(what));
-    return 1 + static_cast<int>(std::count(head.begin(), head.end(), '\n'));
+  const auto line_at = [&](size_t at) {
+    return 1 + static_cast<int>(std::count(good.begin(), good.begin() + static_cast<long>(at), '\n'));
   };
   struct Case {
     const char* name;
@@ -169,16 +141,15 @@ TEST_F(Snapshots, RefusedFileSendsNothingAndNamesItsLine)
   // The GND DAC of module 3 chip 30, out of range.
   const size_t gnd = good.find("dac.GND=", good.find("[module3/chip30]"));
   const std::string out_of_range = good.substr(0, gnd) + "dac.GND=300" + good.substr(good.find('\n', gnd));
-  const int gnd_line = 1 + static_cast<int>(std::count(good.begin(), good.begin() + static_cast<long>(gnd), '\n'));
   const Case cases[] = {
       {"missing", "", VARKEL_SNAPSHOT_BAD_FILE, 0},
       {"malformed", replaced("model=quad\n", "model=quad\nthis is no key\n"), VARKEL_SNAPSHOT_BAD_FILE, 4},
       {"version", replaced("format=1", "format=2"), VARKEL_SNAPSHOT_BAD_VERSION, 2},
       {"model", replaced("model=quad", "model=trio"), VARKEL_SNAPSHOT_BAD_MODEL, 3},
-      {"range", out_of_range, VARKEL_SNAPSHOT_BAD_VALUE, gnd_line},
-      {"name", replaced("[module1]\n", "[module1]\ngain=low\n"), VARKEL_SNAPSHOT_BAD_VALUE, line_of("[module1]") + 1},
-      {"group", good + "[module5]\nexposure=1\n", VARKEL_SNAPSHOT_BAD_VALUE,
-       static_cast<int>(std::count(good.begin(), good.end(), '\n')) + 1},
+      {"range", out_of_range, VARKEL_SNAPSHOT_BAD_VALUE, line_at(gnd)},
+      {"name", replaced("[module1]\n", "[module1]\ngain=low\n"), VARKEL_SNAPSHOT_BAD_VALUE,
+       line_at(good.find("[module1]")) + 1},
+      {"group", good + "[module5]\nexposure=1\n", VARKEL_SNAPSHOT_BAD_VALUE, line_at(good.size())},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -1,14 +1,11 @@
 // Temperatures: the main-channel table readers and the readers of every module at
 // once, one thread per module, against fake controllers on loopback.
-#include <gtest/gtest.h>
-
-#include <cstring>
-
-#include <cstdlib>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <sys/resource.h>

@@ -19,6 +19,16 @@ inline sim::Options options_for(varkel_detector_model_t model)
   return options;
 }
 
+// The same with chips left out and no frame under the machine-wide shared-memory
+// names, for tests that run beside others.
+inline sim::Options options_without_frame(varkel_detector_model_t model, std::vector<sim::MissingChip> missing = {})
+{
+  sim::Options options = options_for(model);
+  options.missing = std::move(missing);
+  options.publish_frame = false;
+  return options;
+}
+
 struct SimulatedDetector {
   explicit SimulatedDetector(sim::Options options, void (*between)(varkel_t*) = nullptr)
       : sim(options), v(varkel_new(options.model))

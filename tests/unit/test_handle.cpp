@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "decode.h"
 #include "varkel.h"
@@ -108,43 +109,31 @@ TEST(DecoderQuad, TellingRows)
 
 TEST(Predicates, IntegerRanges)
 {
-  struct Range {
-    const char* name;
-    bool (*pred)(int);
-    int low, high;
+  // Predicates that share a range, by name; each is checked at both bounds and just outside.
+  using Named = std::pair<const char*, bool (*)(int)>;
+#define P(name)                                                                                                        \
+  Named { #name, validate_##name }
+  const std::pair<std::pair<int, int>, std::vector<Named>> ranges[] = {
+      {{0, 1}, {P(bool), P(crw_srw), P(polarity), P(discriminator), P(colour_mode), P(pixel_mode), P(read_counter)}},
+      {{0, 2}, {P(trigger_mode)}},
+      {{0, 3}, {P(data_out), P(counter_depth), P(image_mode), P(medipix_mode)}},
+      {{0, 7}, {P(operation_mode), P(column), P(row_count)}},
+      {{0, 11}, {P(trigger_out)}},
+      {{0, 31}, {P(u5_int)}},
+      {{0, 36}, {P(chip_with_zero)}},
+      {{0, 255}, {P(u8_int)}},
+      {{0, 511}, {P(u9_int)}},
+      {{0, 4095}, {P(u12_int)}},
+      {{1, 31}, {P(dac)}},
+      {{1, 36}, {P(number_chip_module)}},
+      {{1, 69}, {P(dac_scan)}},
   };
-  const Range ranges[] = {
-      {"bool", validate_bool, 0, 1},
-      {"u5_int", validate_u5_int, 0, 31},
-      {"u8_int", validate_u8_int, 0, 255},
-      {"u9_int", validate_u9_int, 0, 511},
-      {"u12_int", validate_u12_int, 0, 4095},
-      {"operation_mode", validate_operation_mode, 0, 7},
-      {"crw_srw", validate_crw_srw, 0, 1},
-      {"polarity", validate_polarity, 0, 1},
-      {"data_out", validate_data_out, 0, 3},
-      {"discriminator", validate_discriminator, 0, 1},
-      {"counter_depth", validate_counter_depth, 0, 3},
-      {"colour_mode", validate_colour_mode, 0, 1},
-      {"pixel_mode", validate_pixel_mode, 0, 1},
-      {"dac_scan", validate_dac_scan, 1, 69},
-      {"dac", validate_dac, 1, 31},
-      {"number_chip_module", validate_number_chip_module, 1, 36},
-      {"chip_with_zero", validate_chip_with_zero, 0, 36},
-      {"read_counter", validate_read_counter, 0, 1},
-      {"image_mode", validate_image_mode, 0, 3},
-      {"medipix_mode", validate_medipix_mode, 0, 3},
-      {"trigger_out", validate_trigger_out, 0, 11},
-      {"trigger_mode", validate_trigger_mode, 0, 2},
-      {"column", validate_column, 0, 7},
-      {"row_count", validate_row_count, 0, 7},
-  };
-  for (const Range& r : ranges) {
-    EXPECT_TRUE(r.pred(r.low)) << r.name;
-    EXPECT_TRUE(r.pred(r.high)) << r.name;
-    EXPECT_FALSE(r.pred(r.low - 1)) << r.name;
-    EXPECT_FALSE(r.pred(r.high + 1)) << r.name;
-  }
+#undef P
+  for (const auto& [range, preds] : ranges)
+    for (const auto& [name, pred] : preds) {
+      EXPECT_TRUE(pred(range.first) && pred(range.second)) << name;
+      EXPECT_FALSE(pred(range.first - 1) || pred(range.second + 1)) << name;
+    }
   EXPECT_EQ(validate_omr_field(20), 1);
   EXPECT_EQ(validate_omr_field(21), 0);
   EXPECT_EQ(validate_omr_field(-1), 0);
