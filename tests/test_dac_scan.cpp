@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fake_detector.hpp"
@@ -121,9 +123,19 @@ TEST(DacScan, OneValueGoesToEveryChipOfEveryModuleOnOneThreadEach)
   for (auto model : {varkelQuad, varkelLite}) {
     FakeDetector det(model);
     varkel_t* v = det.handle();
+    // Each controller holds its first reply until every module has a request in
+    // hand: modules written one after the other would stall here.
+    Rendezvous all(det.modules());
+    for (int m = 1; m <= det.modules(); ++m)
+      det.module(m).set_handler([&all, first = std::make_shared<bool>(true)](const Request&) {
+        if (std::exchange(*first, false))
+          all.arrive();
+        return Reply::result("OK");
+      });
     ::testing::internal::CaptureStdout();
     // Unchecked: the controller judges DAC number and value.
     EXPECT_EQ(write_dac_all_modules(v, varkel_dac_t(40), -1), 0);
+    EXPECT_FALSE(all.stalled);
     const std::string out = ::testing::internal::GetCapturedStdout();
     for (int m = 1; m <= det.modules(); ++m) {
       const Commands sent = det.module(m).commands();
