@@ -17,6 +17,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "common/chips.hpp"
 #include "common/console.hpp"
 #include "common/endpoint.hpp"
 #include "common/picture.hpp"
@@ -149,7 +150,7 @@ double from_python(const varkel_setting_t* s, py::handle value)
 // Whether chip number `chip` (1..36) is mounted on the model.
 bool on_model(const varkel_t* v, int chip)
 {
-  return chip >= 1 && chip <= 36 && 2 - (chip - 1) / 12 < v->max_num_boards && (chip - 1) % 12 < v->max_num_chips;
+  return varkel::tools::chip_on_model(chip, v->max_num_boards, v->max_num_chips);
 }
 
 bool working(const varkel_t* v, int module, int chip)

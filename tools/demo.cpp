@@ -23,6 +23,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/chips.hpp"
 #include "common/console.hpp"
 #include "common/endpoint.hpp"
 #include "common/picture.hpp"
@@ -265,7 +266,7 @@ public:
   }
 
   // Whether chip number c is on a board and position the model has.
-  bool on_model(int c) const { return 2 - (c - 1) / 12 < v_->max_num_boards && (c - 1) % 12 < v_->max_num_chips; }
+  bool on_model(int c) const { return varkel::tools::chip_on_model(c, v_->max_num_boards, v_->max_num_chips); }
   // Whether chip number c of module m is there and answers.
   bool present(int m, int c) const { return on_model(c) && !v_->sensor_disabled[m - 1][c - 1]; }
 

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <stdexcept>
 
+#include "common/chips.hpp"
 #include "common/text.hpp"
 #include "settings.h"
 
@@ -78,7 +79,7 @@ bool Detector::configure(const Options& options, Output& out)
 bool Detector::on_model(int chip) const
 {
   const auto g = varkel::sim::geometry_of(model_);
-  return chip >= 1 && chip <= 36 && 2 - (chip - 1) / 12 < g.boards && (chip - 1) % 12 < g.chips;
+  return tools::chip_on_model(chip, g.boards, g.chips);
 }
 
 bool Detector::start_simulator(bool frame, Output& out)
