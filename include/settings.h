@@ -83,19 +83,3 @@ VARKEL_API int varkel_setting_get(varkel_t* varkel, const varkel_setting_t* s, i
 // fan-outs where it has them. Returns 0; -7 / -4 as above; -3 for a read-only
 // setting or a value out of range (nothing sent); else the setter's code.
 VARKEL_API int varkel_setting_put(varkel_t* varkel, const varkel_setting_t* s, int module, int chip, double value);
-
-// Per-handle bounds on the connect and reply time-outs, in seconds (> 0, finite).
-// Library callers who never call it keep the library's defaults (a reply waits up
-// to 600 s; a connect as long as the system lets it). Applies to connections made
-// after the call and to the module channels already open; on the data-server
-// connection, to its connect and the parameters it greets with (its later
-// exchanges keep their own time-out). Returns 0; -3 for a bound that is not a
-// positive finite number (nothing changed); errno when an open channel refuses
-// the new time-out.
-VARKEL_API int varkel_set_timeouts(varkel_t* varkel, double connect_seconds, double reply_seconds);
-
-// Opens every module's channel side by side (as varkel_connect) without sending
-// the transport parameters again: for tools that attach to a detector already
-// brought up. Returns the OR of the modules' codes (a connect that times out
-// gives ETIMEDOUT); the main channel ends on the module connected last.
-VARKEL_API int varkel_attach(varkel_t* varkel, const char* const address[], const uint16_t port[]);

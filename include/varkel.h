@@ -547,7 +547,8 @@ VARKEL_API void varkel_delete(varkel_t* varkel);
 
 // Message for any result code: strerror for positive codes, the library's table
 // for 0 and negative codes (anything below -13 reads "Invalid error number", but
-// for the snapshot codes -101 to -105 of snapshot.h, which have texts of their own).
+// for the snapshot codes -101 to -105 of snapshot.h and -106 to -109 of refusal.h,
+// which have texts of their own).
 VARKEL_API const char* varkel_error_string(int error);
 
 // Chip number within a module: (2 - mfb) * 12 + sensor + 1.

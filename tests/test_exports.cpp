@@ -11,7 +11,8 @@
 
 namespace {
 
-const char* const kHeaders[] = {"varkel.h", "ethernet.h", "utils.h", "decode.h", "settings.h", "snapshot.h"};
+const char* const kHeaders[] = {"varkel.h",   "ethernet.h", "utils.h",   "decode.h",  "settings.h",
+                                "snapshot.h", "link.h",     "refusal.h", "workflow.h"};
 
 // Names declared with the export macro, and file-scope function declarations
 // without it ("header: name").

@@ -11,6 +11,7 @@
 
 #include "fake_data_server.hpp"
 #include "fake_detector.hpp"
+#include "link.h"
 #include "settings.h"
 
 using namespace varkel::testing;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include "ethernet.h"
 #include "internal/channel.hpp"
@@ -72,10 +73,94 @@ std::size_t complete_reply(int fd, char* buf, std::size_t len, std::size_t capac
   return len;
 }
 
+// The command this thread sent last, for the failure record: a query formats
+// and sends on the caller's thread, so each module worker keeps its own.
+thread_local char last_sent[kCommandSize];
+
+// Module (1-based) that channel `owner` reaches: a worker's own, or the one the
+// main channel has selected.
+int module_of(const varkel_t* v, varkel_thread_t owner)
+{
+  return owner == VARKEL_THREAD_MAIN ? v->varkel_module : static_cast<int>(owner) + 1;
+}
+
+// The receive time-out of `fd` in seconds, for the words of a reply that never came.
+double receive_timeout_s(int fd)
+{
+  timeval tv{};
+  socklen_t size = sizeof tv;
+  if (fd < 0 || getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &size) != 0)
+    return 0;
+  return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6;
+}
+
+// Notes what went wrong with one query on the handle's failure record: a
+// refusal, a reply that never came, or a connection the controller closed.
+void note_query_failure(varkel_t* v, varkel_thread_t owner, int rc, ReplyMember member, const char* reply,
+                        const char* words)
+{
+  const int module = module_of(v, owner);
+  if (rc == ENOTCONN) {
+    note_failure(v, rc, module, 0, nullptr, nullptr, "is not connected");
+  } else if (rc == -1) {
+    const int fd = channel_socket(v, owner);
+    const double limit = receive_timeout_s(fd);
+    if (fd < 0)
+      note_failure(v, rc, module, 0, last_sent, nullptr, "is not connected");
+    else if (limit > 0)
+      note_failure(v, rc, module, 0, last_sent, nullptr, "did not answer %s within %g s", last_sent, limit);
+    else
+      note_failure(v, rc, module, 0, last_sent, nullptr, "did not answer %s", last_sent);
+  } else if (rc != 0) {
+    note_failure(v, rc, module, 0, last_sent, nullptr, "cannot send %s: %s", last_sent, std::strerror(rc));
+  } else if (member == ReplyMember::error) {
+    note_failure(v, VARKEL_REFUSED, module, 0, last_sent, words, "the controller refused %s: %s", last_sent, words);
+  } else if (reply[0] == '\0') {
+    note_failure(v, -1, module, 0, last_sent, nullptr, "closed the connection (no reply to %s)", last_sent);
+  }
+}
+
 } // namespace
+
+void note_failure(varkel_t* v, int code, int module, int chip, const char* command, const char* reply,
+                  const char* format, ...)
+{
+  HandleExtras& e = extras(v);
+  std::lock_guard lock(e.failure_mutex);
+  varkel_failure_t& f = e.failure;
+  f.code = code;
+  f.module = module;
+  f.chip = chip;
+  std::snprintf(f.command, sizeof f.command, "%s", command ? command : "");
+  std::snprintf(f.reply, sizeof f.reply, "%s", reply ? reply : "");
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(f.text, sizeof f.text, format, args);
+  va_end(args);
+  e.failures.fetch_add(1, std::memory_order_release);
+}
+
+void note_failure_chip(varkel_t* v, int chip)
+{
+  HandleExtras& e = extras(v);
+  std::lock_guard lock(e.failure_mutex);
+  e.failure.chip = chip;
+}
+
 } // namespace varkel::detail
 
 using namespace varkel::detail;
+
+uint64_t varkel_failure_count(varkel_t* varkel) { return extras(varkel).failures.load(std::memory_order_acquire); }
+
+int varkel_last_failure(varkel_t* varkel, varkel_failure_t* failure)
+{
+  HandleExtras& e = extras(varkel);
+  std::lock_guard lock(e.failure_mutex);
+  if (failure != nullptr)
+    *failure = e.failure;
+  return e.failure.code;
+}
 
 int print_json(varkel_t*, const char* cmd, char* buff)
 {
@@ -105,6 +190,7 @@ int vcommand(varkel_t* varkel, const char* cmd_format, va_list args, varkel_thre
   if (fd < 0)
     return ENOTCONN;
 
+  std::memcpy(last_sent, command, static_cast<std::size_t>(length) + 1);
   char request[kRequestSize];
   if (int rc = print_json(varkel, command, request); rc != 0)
     return rc;
@@ -168,11 +254,18 @@ int vquery_and_cache(varkel_t* varkel, varkel_thread_t owner, char* result, cons
 {
   assert(cmd_format != NULL);
   char reply[kReplySize];
-  if (int rc = vquery(varkel, reply, sizeof reply, cmd_format, args, owner); rc != 0)
-    return rc;
-  std::memset(result, 0, kReplySize);
-  parse_json(varkel, reply, result);
-  return 0;
+  last_sent[0] = '\0';
+  const int rc = vquery(varkel, reply, sizeof reply, cmd_format, args, owner);
+  ReplyMember member = ReplyMember::none;
+  char words[256] = "";
+  if (rc == 0) {
+    // The result text as parse_json extracts it, with the member it came from.
+    std::memset(result, 0, kReplySize);
+    member = extract_member(reply, {result, kReplySize}, words);
+  }
+  if (rc != 0 || member == ReplyMember::error || reply[0] == '\0')
+    note_query_failure(varkel, owner, rc, member, reply, words);
+  return rc;
 }
 
 } // namespace

@@ -67,21 +67,34 @@ int build_request(std::string_view command, std::span<char> out)
   return 0;
 }
 
-bool extract_result(const char* reply, std::span<char> out)
+ReplyMember extract_member(const char* reply, std::span<char> out, std::span<char> message)
 {
   copy_text({}, out);
+  copy_text({}, message);
   JsonPtr parsed{json_tokener_parse(reply)};
   if (!parsed)
-    return false;
+    return ReplyMember::none;
   json_object* member = nullptr;
-  if (!json_object_object_get_ex(parsed.get(), "result", &member) &&
-      !json_object_object_get_ex(parsed.get(), "error", &member))
-    return false;
+  ReplyMember found = ReplyMember::result;
+  if (!json_object_object_get_ex(parsed.get(), "result", &member)) {
+    if (!json_object_object_get_ex(parsed.get(), "error", &member))
+      return ReplyMember::none;
+    found = ReplyMember::error;
+  }
   // json-c's string form: a string's own text, any other value its spaced JSON text.
   const char* text = json_object_get_string(member);
   copy_text(text ? text : "null", out);
-  return true;
+  if (found == ReplyMember::error) {
+    json_object* words = nullptr;
+    const bool has_words = json_object_is_type(member, json_type_object) &&
+                           json_object_object_get_ex(member, "message", &words) &&
+                           json_object_is_type(words, json_type_string);
+    copy_text(has_words ? json_object_get_string(words) : (text ? text : "null"), message);
+  }
+  return found;
 }
+
+bool extract_result(const char* reply, std::span<char> out) { return extract_member(reply, out) != ReplyMember::none; }
 
 ReplyShape reply_shape(std::string_view text)
 {

@@ -22,6 +22,13 @@ int build_request(std::string_view command, std::span<char> out);
 // was found; otherwise `out` is empty.
 bool extract_result(const char* reply, std::span<char> out);
 
+enum class ReplyMember { none, result, error };
+
+// As extract_result, and says which member it found. For an "error" member that
+// is an object with a "message" string, `message` (when not empty) gets that
+// string; else the member's text.
+ReplyMember extract_member(const char* reply, std::span<char> out, std::span<char> message = {});
+
 enum class ReplyShape { incomplete, complete, not_json };
 
 // Whether the bytes received so far form one complete JSON object or array,

@@ -15,6 +15,7 @@
 #include "internal/descriptor.hpp"
 #include "internal/handle.hpp"
 #include "internal/query.hpp"
+#include "link.h"
 #include "settings.h"
 
 using namespace varkel::detail;

@@ -12,6 +12,7 @@
 #include "internal/descriptor.hpp"
 #include "internal/handle.hpp"
 #include "internal/trace.hpp"
+#include "refusal.h"
 #include "snapshot.h"
 #include "varkel.h"
 
@@ -61,6 +62,16 @@ constexpr std::array<const char*, 5> kSnapshotErrors{
 };
 static_assert(VARKEL_SNAPSHOT_BAD_FILE == -101 &&
               VARKEL_SNAPSHOT_UNVERIFIED == VARKEL_SNAPSHOT_BAD_FILE - int{kSnapshotErrors.size()} + 1);
+
+// Our layers' codes follow them (refusal.h).
+constexpr std::array<const char*, 4> kLayerErrors{
+    "The controller refused the command",
+    "The controller did not apply the value",
+    "An acquisition is running",
+    "The chip is switched off",
+};
+static_assert(VARKEL_REFUSED == VARKEL_SNAPSHOT_UNVERIFIED - 1 &&
+              VARKEL_CHIP_OFF == VARKEL_REFUSED - int{kLayerErrors.size()} + 1);
 
 constexpr bool in_range(int value, int low, int high) { return value >= low && value <= high; }
 bool in_range(float value, float low, float high) { return std::isfinite(value) && value >= low && value <= high; }
@@ -137,6 +148,9 @@ const char* varkel_error_string(int error)
   const long long snapshot = index + VARKEL_SNAPSHOT_BAD_FILE;
   if (snapshot >= 0 && snapshot < static_cast<long long>(kSnapshotErrors.size()))
     return kSnapshotErrors[static_cast<std::size_t>(snapshot)];
+  const long long layer = index + VARKEL_REFUSED;
+  if (layer >= 0 && layer < static_cast<long long>(kLayerErrors.size()))
+    return kLayerErrors[static_cast<std::size_t>(layer)];
   return kErrorArray[index > 13 ? 13 : static_cast<std::size_t>(index)];
 }
 

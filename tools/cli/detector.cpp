@@ -5,6 +5,7 @@
 
 #include "common/chips.hpp"
 #include "common/text.hpp"
+#include "link.h"
 #include "settings.h"
 
 namespace varkel::cli {
