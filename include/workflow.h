@@ -55,15 +55,18 @@ typedef struct {
 VARKEL_API void varkel_acquire_request_init(varkel_acquire_request_t* request);
 
 // Writes only the values the request gives (exposure and period in the order the
-// values in force allow; an exposure longer than the period it would run with is
-// refused with -3 and nothing sent), prepares the data server when the handle has
-// one, starts, and waits until every exposure is done, reporting progress about
-// every 50 ms. The wait reads the exposure counter of the leading module (module 1
-// when none is given) at every look. A NULL request keeps every setting. While it runs, writes through
-// <varkel/settings.h> that would change it are refused with VARKEL_BUSY. Whenever the wait ends early (cancel,
-// deadline, an error) every module is told to stop. Returns 0; ECANCELED when cancelled; ETIMEDOUT when the deadline
-// passed; VARKEL_REFUSED when a controller refused a command; the code of a controller that stopped answering or
-// dropped its connection; else the failing call's code. `result` may be NULL.
+// values in force allow, which it reads back first; an exposure longer than the
+// period it would run with is refused with -3 and nothing written), prepares the
+// data server when the handle has one, starts, and waits until every exposure is
+// done, reporting progress about every 50 ms. The wait reads the exposure counter
+// of the leading module (module 1 when none is given) at every look. A NULL
+// request keeps every setting. While it runs, writes through <varkel/settings.h>
+// that would change it, and a second varkel_acquire, are refused with VARKEL_BUSY.
+// Whenever the wait ends early (cancel, deadline, an error) every module is told
+// to stop. Returns 0; ECANCELED when cancelled; ETIMEDOUT when the deadline
+// passed; -7 for a lead module the model does not have; VARKEL_REFUSED when a
+// controller refused a command; the code of a controller that stopped answering
+// or dropped its connection; else the failing call's code. `result` may be NULL.
 VARKEL_API int varkel_acquire(varkel_t* varkel, const varkel_acquire_request_t* request,
                               varkel_acquire_result_t* result);
 

@@ -183,7 +183,7 @@ TEST(Acquire, EveryEarlyEndStopsEveryModuleItStillReaches)
     std::thread canceller([&] {
       if (what == "cancel from a thread") {
         std::this_thread::sleep_for(std::chrono::milliseconds(150));
-        signalled = 1;
+        __atomic_store_n(&signalled, 1, __ATOMIC_RELEASE); // as a caller's thread would
       }
     });
     varkel_acquire_result_t result{};

@@ -32,7 +32,11 @@ double seconds_since(Clock::time_point t0) { return std::chrono::duration<double
 // A time the request gives: anything but a negative number (NaN too, to be refused).
 bool given(double seconds) { return !(seconds < 0); }
 
-bool cancelled(const varkel_acquire_request_t& r) { return r.cancel != nullptr && *r.cancel != 0; }
+// Read as an atomic: a flag another thread sets is then no data race on our side.
+bool cancelled(const varkel_acquire_request_t& r)
+{
+  return r.cancel != nullptr && __atomic_load_n(r.cancel, __ATOMIC_ACQUIRE) != 0;
+}
 
 // The handle's acquiring flag, held for one run and cleared on every way out.
 class RunFlag {
