@@ -46,10 +46,10 @@ except ImportError as e:
                       "(apt-get install python3-numpy)") from e
 
 from . import _varkel
-from ._varkel import (DAC_NAMES, Chip, Chips, ControllerError, Detector, Error, Module, Simulator, TimeoutError,
-                      save_png)
+from ._varkel import (DAC_NAMES, SCAN_AIMS, Chip, Chips, ControllerError, Detector, Error, Module, Simulator,
+                      TimeoutError, save_png)
 
-__all__ = ["Chip", "Chips", "ControllerError", "DAC_NAMES", "Detector", "Error", "Module", "Simulator",
+__all__ = ["Chip", "Chips", "ControllerError", "DAC_NAMES", "Detector", "Error", "Module", "SCAN_AIMS", "Simulator",
            "TimeoutError", "redirect_library_output", "save_png"]
 
 

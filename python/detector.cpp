@@ -185,7 +185,9 @@ void Detector::check_working(int module, int chip) const
 
 py::dict Detector::temperatures()
 {
-  exec({"temperatures"}, [](varkel_t* v) {
+  // The library walks chip numbers, switched off or not, and a chip that is off
+  // refuses its reading: with chips off, their refusals are expected.
+  exec({"temperatures", 0, 0, disabled_chips().empty()}, [](varkel_t* v) {
     int rc = US_GetTemperature(v) | US_GetMFBTemperature(v);
     for (int m = 1; m <= v->max_num_modules; ++m) {
       // It walks chip numbers 1 up to the chips of a module; its code is that of

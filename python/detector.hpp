@@ -90,12 +90,13 @@ public:
   // `f` runs with the GIL, then takes the detector back.
   template <typename F> void hand_back(F&& f)
   {
-    held_->unlock();
+    std::unique_lock<std::mutex>* mine = held_; // calls made meanwhile point held_ at their own
+    mine->unlock();
     {
       py::gil_scoped_acquire gil;
       f();
     }
-    held_->lock();
+    mine->lock();
   }
 
   void close();
@@ -138,6 +139,9 @@ private:
 
 // The working chips of module `module` (on the model and not switched off), ascending.
 std::vector<int> working_chips(const varkel_t& v, int module);
+
+// Registers SCAN_AIMS: the volts a scan of each DAC that has an aim comes nearest.
+void init_workflows(py::module_& m);
 
 // Registers Detector; after init_simulator and init_views, whose types it returns.
 void init_detector(py::module_& m);

@@ -18,5 +18,6 @@ PYBIND11_MODULE(_varkel, m)
   init_views(m);
   init_detector(m);
   init_io(m);
+  init_workflows(m);
   m.attr("DAC_NAMES") = py::cast(dac_names());
 }

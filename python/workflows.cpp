@@ -88,7 +88,11 @@ py::dict Detector::acquire(std::optional<double> exposure, std::optional<double>
   r.user = &w;
   varkel_acquire_result_t result{};
   const Outcome o = attempt([&](varkel_t* v) {
-    std::lock_guard timer(acquisition_timer);
+    // A second acquire of this handle, from another thread while this one hands
+    // the detector back, is the library's to refuse: it must not wait here.
+    std::unique_lock timer(acquisition_timer, std::defer_lock);
+    if (varkel_acquiring(v) == 0)
+      timer.lock();
     return varkel_acquire(v, &r, &result);
   });
   if (w.raised) // the modules were stopped
@@ -119,6 +123,15 @@ py::dict Detector::scan(const py::object& dac, int initial, int final, int step,
     }
   }
   return out;
+}
+
+void init_workflows(py::module_& m)
+{
+  py::dict aims;
+  for (std::size_t d = 1; d <= dac_names().size(); ++d)
+    if (const double aim = varkel_scan_aim(static_cast<varkel_dac_t>(d)); aim > 0)
+      aims[py::str(dac_names()[d - 1])] = aim;
+  m.attr("SCAN_AIMS") = aims;
 }
 
 void Detector::load_dac_files(const std::string& index)
