@@ -63,7 +63,10 @@ void Detector::close()
 {
   if (v_ == nullptr)
     return;
-  run([this](varkel_t*) {
+  // Another thread's acquisition may be handing the detector back for a moment.
+  exec({"close"}, [this](varkel_t* v) {
+    if (varkel_acquiring(v) != 0)
+      return VARKEL_BUSY;
     release();
     return 0;
   });
