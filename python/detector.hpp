@@ -42,19 +42,21 @@ public:
   // The one place that calls the library: without the GIL, holding the
   // detector's lock (a channel carries one query at a time), the library's prints
   // sent away. A Ctrl-C that came during the call raises KeyboardInterrupt after it.
-  template <typename F> auto run(F&& call)
+  template <typename F> int run(F&& call)
   {
-    if (v_ == nullptr)
-      throw py::value_error("the detector is closed");
-    decltype(call(v_)) rc;
+    int rc = 0;
+    bool closed = false;
     {
       py::gil_scoped_release nogil;
       std::unique_lock lock(mutex_);
       LibraryOutput quiet;
       std::unique_lock<std::mutex>* outer = std::exchange(held_, &lock);
-      rc = call(v_);
+      closed = v_ == nullptr; // perhaps by another thread, while this one waited
+      rc = closed ? 0 : call(v_);
       held_ = outer;
     }
+    if (closed)
+      throw py::value_error("the detector is closed");
     if (PyErr_CheckSignals() != 0)
       throw py::error_already_set();
     return rc;
