@@ -7,15 +7,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <numeric>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <thread>
 #include <tuple>
 #include <unistd.h>
 
 #include "link.h"
+#include "process.hpp"
 #include "simulated_detector.hpp"
 #include "varkel.h"
 
@@ -23,6 +21,8 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace sim = varkel::sim;
+using varkel::testing::exit_status;
+using varkel::testing::spawn;
 
 // Module 1 leads, the others follow its shutter output.
 bool configure(varkel_t* v, float exposure, float period, int exposures)
@@ -151,40 +151,6 @@ TEST(Controls, TheDataServerCountsWhatWasSaved)
   uint64_t saved = 0;
   ASSERT_EQ(get_saveStatus_fromBackend(d.v, &saved), 0);
   EXPECT_EQ(std::tuple(saved, +d.v->saveargs.done, +d.v->saveargs.savedFrameNum), std::tuple(1u, +DONE, 3u));
-}
-
-// Starts `args` (the program first) with `env` added to the environment, its
-// stdout and stderr into `out` unless that is -1. Returns its process id, -1 when
-// it cannot.
-pid_t spawn(std::vector<std::string> args, int out, std::vector<std::string> env = {})
-{
-  std::vector<char*> argv, envp;
-  for (std::string& a : args)
-    argv.push_back(a.data());
-  for (std::string& e : env)
-    envp.push_back(e.data());
-  for (char** e = environ; *e != nullptr; ++e)
-    envp.push_back(*e);
-  argv.push_back(nullptr);
-  envp.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  if (out >= 0) {
-    posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out, STDERR_FILENO);
-  }
-  pid_t pid = -1;
-  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0)
-    pid = -1;
-  posix_spawn_file_actions_destroy(&actions);
-  return pid;
-}
-
-// The exit status of process `pid` once it has ended; -1 when it did not exit.
-int exit_status(pid_t pid)
-{
-  int status = 0;
-  return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // varkel-sim started apart, as a user would, what it prints read until it is
