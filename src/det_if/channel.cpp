@@ -16,6 +16,7 @@
 #include "internal/channel.hpp"
 #include "internal/handle.hpp"
 #include "internal/protocol.hpp"
+#include "internal/tcp.hpp"
 #include "utils.h"
 
 namespace varkel::detail {

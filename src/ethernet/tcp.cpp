@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "ethernet.h"
-#include "internal/channel.hpp"
+#include "internal/tcp.hpp"
 
 int get_address(const char* host, uint16_t port, struct sockaddr_in* addr)
 {
