@@ -20,7 +20,6 @@
 
 using namespace std::chrono_literals;
 using namespace varkel::testing;
-using varkel::detail::query_expect;
 using varkel::detail::query_status;
 
 namespace {
@@ -91,14 +90,6 @@ TEST_F(Channel, FailuresReturnTheirCodesAndLeaveTheResult)
   EXPECT_EQ(query_and_cache(fresh, result, "%s", "A"), ENOTCONN);
   varkel_delete(fresh);
   EXPECT_EQ(query_and_cache(v, static_cast<varkel_thread_t>(9), result, "%s", "A"), ENOTCONN);
-}
-
-// The scan and status shapes run under every operation of the acquisition tests.
-TEST_F(Channel, ExpectShapeReturnsItsCodeOnAnotherText)
-{
-  script({Reply::result("expected"), Reply::result("other")});
-  EXPECT_EQ(query_expect(v, VARKEL_THREAD_MODULE1, "expected", -3, CMD_CONFIGURE_ROCE), 0);
-  EXPECT_EQ(query_expect(v, VARKEL_THREAD_MODULE1, "expected", -3, CMD_CONFIGURE_ROCE), -3);
 }
 
 TEST_F(Channel, ParallelFanOutRunsOneWorkerPerModuleAndOrsResults)
