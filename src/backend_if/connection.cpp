@@ -15,9 +15,9 @@
 #include "ethernet.h"
 #include "internal/backend.hpp"
 #include "internal/backend_records.hpp"
-#include "internal/channel.hpp"
 #include "internal/descriptor.hpp"
 #include "internal/handle.hpp"
+#include "internal/tcp.hpp"
 #include "utils.h"
 
 namespace varkel::detail {
