@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "common/endpoint.hpp"
+#include "common/simulated.hpp"
 #include "conversions.hpp"
 #include "link.h"
 #include "simulator.hpp"
@@ -109,6 +110,12 @@ void Detector::connect_modules(const std::vector<Address>& modules, std::optiona
     return attach ? varkel_attach(v, a.hosts.data(), a.ports.data())
                   : varkel_connect(v, a.hosts.data(), a.ports.data());
   });
+  // A varkel-sim, this process's or one started by hand, says so and names its
+  // frame's segment; a controller refuses the question (1: a simulator, 0: not).
+  exec({"identify", 1, 0, false}, [](varkel_t* v) {
+    const int rc = varkel::tools::recognise_simulator(v);
+    return rc == 1 ? 0 : rc;
+  });
   check_chips();
 }
 
@@ -117,7 +124,6 @@ void Detector::connect_simulator(const Simulator& sim)
   if (sim.model() != handle().detModel)
     throw py::value_error(std::string("a ") + varkel::sim::model_name(sim.model()) + " simulator for a " +
                           varkel::sim::model_name(handle().detModel) + " detector");
-  run([](varkel_t* v) { return v->simulate = 1; }); // the simulator's shared-memory names
   connect_modules(sim.modules(), sim.data_server(), false);
 }
 

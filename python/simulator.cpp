@@ -60,6 +60,9 @@ void init_simulator(py::module_& m)
           "model", [](const Simulator& s) { return varkel::sim::model_name(s.model()); }, "The model simulated.")
       .def_property_readonly("modules", &Simulator::modules, "(host, port) of each module's controller.")
       .def_property_readonly("data_server", &Simulator::data_server, "(host, port) of the data server.")
+      .def_property_readonly(
+          "segment", [](const Simulator& s) { return s.segment(); },
+          "The shared-memory segment of its sample frame, of this simulator's own; \"\" for models without one.")
       .def("close", &Simulator::close, "Stops every server of the simulator.")
       .def(
           "__enter__", [](Simulator& s) -> Simulator& { return s; }, "The simulator itself.")

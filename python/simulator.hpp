@@ -23,6 +23,7 @@ public:
   // (host, port) of each module's controller, module 1 first.
   std::vector<std::pair<std::string, uint16_t>> modules() const;
   std::pair<std::string, uint16_t> data_server() const;
+  std::string segment() const { return running().sim->segment_name(); }
   void close();
 
 private:
