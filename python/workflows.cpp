@@ -47,21 +47,25 @@ void on_progress(const varkel_acquire_progress_t* p, void* user)
 // A value of the acquisition, checked against its setting before anything is sent.
 double checked(const char* name, double value) { return from_python(varkel_setting_find(name), py::float_(value)); }
 
-std::string scan_aims()
+// The DACs a scan goes toward an aim for, with the aim in volts, by DAC number.
+std::vector<std::pair<std::string, double>> scan_aims()
 {
-  std::string names;
+  std::vector<std::pair<std::string, double>> aims;
   for (std::size_t d = 1; d <= dac_names().size(); ++d)
     if (const double aim = varkel_scan_aim(static_cast<varkel_dac_t>(d)); aim > 0)
-      names += (names.empty() ? "" : ", ") + dac_names()[d - 1] + " (aim " +
-               py::repr(py::float_(aim)).cast<std::string>() + " V)";
-  return names;
+      aims.emplace_back(dac_names()[d - 1], aim);
+  return aims;
 }
 
 // ValueError, in the command line's words, for a scan the library would refuse.
 void check_scan(varkel_dac_t dac, int initial, int final, int step)
 {
-  if (varkel_scan_aim(dac) <= 0)
-    throw py::value_error("no aim for DAC " + dac_names()[dac - 1] + "; scans go toward the aims of " + scan_aims());
+  if (varkel_scan_aim(dac) <= 0) {
+    std::string names;
+    for (const auto& [name, aim] : scan_aims())
+      names += (names.empty() ? "" : ", ") + name + " (aim " + py::repr(py::float_(aim)).cast<std::string>() + " V)";
+    throw py::value_error("no aim for DAC " + dac_names()[dac - 1] + "; scans go toward the aims of " + names);
+  }
   if (step == 0 || initial < 0 || initial > 255 || final < 0 || final > 255 ||
       !validate_dac_scan((final - initial) / step))
     throw py::value_error("codes " + std::to_string(initial) + " to " + std::to_string(final) + " in steps of " +
@@ -128,9 +132,8 @@ py::dict Detector::scan(const py::object& dac, int initial, int final, int step,
 void init_workflows(py::module_& m)
 {
   py::dict aims;
-  for (std::size_t d = 1; d <= dac_names().size(); ++d)
-    if (const double aim = varkel_scan_aim(static_cast<varkel_dac_t>(d)); aim > 0)
-      aims[py::str(dac_names()[d - 1])] = aim;
+  for (const auto& [name, aim] : scan_aims())
+    aims[py::str(name)] = aim;
   m.attr("SCAN_AIMS") = aims;
 }
 
