@@ -507,14 +507,15 @@ int read_selected(varkel_t* v, const SettingRow& row, double* value)
 }
 
 // VARKEL_REFUSED when a failure was noted since `before` on a call that returned
-// 0, else `rc`; the chip goes on the note for chip rows.
+// 0 or found no value in the reply (the refusal's words), else `rc`; the chip
+// goes on the note for chip rows.
 int refused_since(varkel_t* v, uint64_t before, int rc, int chip)
 {
   if (varkel_failure_count(v) == before)
     return rc;
   if (chip != 0)
     note_failure_chip(v, chip);
-  return rc == 0 ? VARKEL_REFUSED : rc;
+  return rc == 0 || rc == -2 ? VARKEL_REFUSED : rc;
 }
 
 // Selects chip `chip` on the selected module: 0, the selection's code, or
