@@ -113,18 +113,19 @@ int bias_of_first_board(varkel_t* v)
   return rc != 0 ? rc : US_SensorBias_RBV(v);
 }
 
-// The number a library read on a module worker's channel left in `volts`; -2 for none.
-int number_read(int rc, float volts, double* value)
+// Runs a library read on a module worker's channel into a float: 0 with the
+// number, the read's code, or -2 when the reply held none.
+template <typename Read> int number_read(Read&& read, double* value)
 {
-  if (rc != 0)
+  float volts = NAN;
+  if (int rc = read(&volts); rc != 0)
     return rc;
   return std::isnan(volts) ? -2 : (*value = volts, 0);
 }
 
 int ext_bg_on(varkel_t* v, varkel_thread_t owner, double* value)
 {
-  float volts = NAN;
-  return number_read(read_ext_bg(v, owner, &volts), volts, value);
+  return number_read([&](float* volts) { return read_ext_bg(v, owner, volts); }, value);
 }
 
 constexpr Cached kBias = param<&varkel_params_t::bias_voltage>;
@@ -306,8 +307,8 @@ template <int B> constexpr SettingRow board_bias_row(const char* name)
           .read_on =
               [](varkel_t* v, varkel_thread_t owner, double* value) {
                 const int selected = US_Select_MFB(v, B, owner);
-                float volts = NAN;
-                return selected != 0 ? selected : number_read(read_bias(v, owner, &volts), volts, value);
+                return selected != 0 ? selected
+                                     : number_read([&](float* volts) { return read_bias(v, owner, volts); }, value);
               },
           .set =
               [](varkel_t* v, double x) {
