@@ -13,6 +13,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "internal/acquisition_limits.hpp"
 #include "internal/analog.hpp"
 #include "internal/dac.hpp"
 #include "internal/geometry.hpp"
@@ -507,16 +508,17 @@ int read_selected(varkel_t* v, const SettingRow& row, double* value)
   }
 }
 
-// VARKEL_REFUSED when a failure was noted since `before` on a call that returned
-// 0 or found no value in the reply (the refusal's words), else `rc`; the chip
-// goes on the note for chip rows.
+// The code of the failure noted since `before` (VARKEL_REFUSED for a refusal, -1
+// for a connection closed without a reply) on a call that returned 0 or found no
+// value in the reply (the refusal's words), else `rc`; the chip goes on the note
+// for chip rows.
 int refused_since(varkel_t* v, uint64_t before, int rc, int chip)
 {
   if (varkel_failure_count(v) == before)
     return rc;
   if (chip != 0)
     note_failure_chip(v, chip);
-  return rc == 0 || rc == -2 ? VARKEL_REFUSED : rc;
+  return rc == 0 || rc == -2 ? varkel_last_failure(v, nullptr) : rc;
 }
 
 // Selects chip `chip` on the selected module: 0, the selection's code, or
@@ -605,7 +607,8 @@ const SettingRow& row_with_rule(Rule rule)
 }
 
 // The exposure must fit the period on every module written (exposure + readout
-// at most a non-zero period, as the library's composite setters hold it). Reads
+// at most a non-zero period, as the library's composite setters and the
+// acquisition workflow hold it). Reads
 // the other value in force on modules first..last. Returns 0, the read's code or
 // -3 (noted) with nothing written.
 int check_exposure_rule(varkel_t* v, const SettingRow& row, int first, int last, double value)
@@ -620,7 +623,7 @@ int check_exposure_rule(varkel_t* v, const SettingRow& row, int first, int last,
       return rc;
     const float exposure_s = static_cast<float>(exposure ? value : in_force);
     const float period_s = static_cast<float>(exposure ? in_force : value);
-    if (period_s != 0.0f && exposure_s > period_s - IMAGE_READOUT) {
+    if (!exposure_fits(exposure_s, period_s)) {
       note_failure(v, -3, m, 0, nullptr, nullptr, "put %s %g: exposure %g s does not fit period %g s (readout %g ms)",
                    row.name, value, double{exposure_s}, double{period_s}, IMAGE_READOUT * 1e3);
       return -3;
