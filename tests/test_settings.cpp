@@ -43,26 +43,19 @@ FakeController::Handler replies(std::map<std::string, std::string> texts)
   };
 }
 
-// `command` on module m after selecting its board and chip (both as the controller numbers them).
-Commands on_chip(int m, int board, int chip, const std::string& command)
-{
-  const std::string at = std::to_string(m) + ":";
-  return {at + "SelectMedipixBoard_Command 1 " + std::to_string(board),
-          at + "HS_ImgChipNumberID_Command 1 " + std::to_string(chip), at + command};
-}
-
-// The commands on each chip number first..last of module m but `off`, each chip
-// selected first: chip numbers count down the boards, twelve to a board.
+// `commands` on each chip number first..last of module m but `off`, the chip
+// selected first (board, then chip index: twelve to a board, from board 2 down).
 Commands each_chip(int m, int first, int last, const Commands& commands, int off = 0)
 {
   Commands out;
+  const std::string at = std::to_string(m) + ":";
   for (int c = first; c <= last; ++c) {
     if (c == off)
       continue;
-    for (std::size_t i = 0; i < commands.size(); ++i) {
-      const Commands one = on_chip(m, 2 - (c - 1) / 12, (c - 1) % 12, commands[i]);
-      out.insert(out.end(), i == 0 ? one.begin() : one.end() - 1, one.end());
-    }
+    out.push_back(at + "SelectMedipixBoard_Command 1 " + std::to_string(2 - (c - 1) / 12));
+    out.push_back(at + "HS_ImgChipNumberID_Command 1 " + std::to_string((c - 1) % 12));
+    for (const std::string& command : commands)
+      out.push_back(at + command);
   }
   return out;
 }
@@ -90,66 +83,26 @@ std::string failure_text(varkel_t* v)
   return f.text;
 }
 
-TEST(Settings, GetSendsTheReadBackOfEachShape)
+// Gets send the read-back of their row's shape; puts write, then read back every
+// module and chip written, over the working chips; refusals send nothing.
+TEST(Settings, GetAndPutSendTheirCommands)
 {
-  const std::map<std::string, std::string> read_backs = {{"HS_AcquireTime_Command", "0.250000"},
-                                                         {"HS_Trigger_Command", "2"},
-                                                         {"HS_Get_OMR", "2"},
-                                                         {"HS_ImgChipDAC", "132"},
-                                                         {"HS_ImageMode_Command", "1"}};
-  struct Case {
-    varkel_detector_model_t model;
-    const char* name;
-    int module, chip, rc;
-    Commands sent;
-    double value;
-    bool acquiring = false;
-  };
-  const Case cases[] = {
-      {varkelQuad, "exposure", 2, 0, 0, {"2:HS_AcquireTime_Command 0 0"}, 0.25, true}, // reads while acquiring
-      {varkelQuad, "trigger", 1, 0, 0, {"1:HS_Trigger_Command 0 0"}, 2},
-      {varkelQuad, "gain", 3, 14, 0, on_chip(3, 1, 1, "HS_Get_OMR 17"), 2},
-      {varkelQuad, "dac.GND", 1, 1, 0, on_chip(1, 2, 0, "HS_ImgChipDAC 0 20 0"), 132},
-      {varkelQuad, "readout-mode", 0, 0, 0, {"1:HS_ImageMode_Command 0 0"}, VARKEL_MEDIPIX_MODE_CRW},
-      {varkelLite, "gain", 1, 30, 0, on_chip(1, 0, 5, "HS_Get_OMR 17"), 2},
-      {kinlet, "dac.GND", 1, 25, 0, on_chip(1, 0, 0, "HS_ImgChipDAC 0 20 0"), 132},
-      // Refused before anything is sent: a chip not on the model, a chip switched off.
-      {varkelLite, "gain", 1, 1, -4, {}, -1},
-      {kinlet, "gain", 1, 26, -4, {}, -1},
-      {varkelQuad, "gain", 2, 30, VARKEL_CHIP_OFF, {}, -1},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << "model " << c.model << " " << c.name << " chip " << c.chip);
-    auto det = detector(c.model, c.acquiring);
-    det->answer_all(replies(read_backs));
-    double value = -1;
-    EXPECT_EQ(varkel_setting_get(det->handle(), named(c.name), c.module, c.chip, &value), c.rc);
-    EXPECT_EQ(det->all_commands(), c.sent);
-    EXPECT_DOUBLE_EQ(value, c.value);
-  }
-  EXPECT_EQ(failure_text(detector(varkelQuad)->handle()), "");
-  // A reply without a number is no value, and the cache keeps what it held.
-  auto det = detector(varkelQuad);
-  det->handle()->acquireParam.acquireTime = 0.125f;
-  double value = -1;
-  EXPECT_EQ(varkel_setting_get(det->handle(), named("exposure"), 1, 0, &value), -2);
-  EXPECT_EQ(varkel_setting_get(det->handle(), named("dac.GND"), 1, 1, &value), -2);
-  EXPECT_EQ(value, -1);
-  EXPECT_EQ(det->handle()->acquireParam.acquireTime, 0.125f);
-  EXPECT_EQ(det->handle()->digital_dac_values[0][DAC_GND - 1], 0);
-}
-
-TEST(Settings, PutWritesReadsBackAndFansOutOverWorkingChips)
-{
+  using Replies = std::map<std::string, std::string>;
+  const Replies read_backs = {{"HS_AcquireTime_Command", "0.250000"},
+                              {"HS_Trigger_Command", "2"},
+                              {"HS_Get_OMR", "2"},
+                              {"HS_ImgChipDAC", "132"},
+                              {"HS_ImageMode_Command", "1"}};
   struct Case {
     varkel_detector_model_t model;
     const char* name;
     int module, chip;
-    double value;
-    std::map<std::string, std::string> replies;
+    bool put;
+    double value;    // put: the value written; get: the value read (-1: none)
+    Replies replies; // gets: read_backs
     int rc;
     Commands sent;
-    const char* noted = nullptr; // words of the failure noted
+    const char* noted = nullptr; // the failure noted
     bool acquiring = false;
   };
   // Each module's period is read before any exposure is written.
@@ -161,71 +114,66 @@ TEST(Settings, PutWritesReadsBackAndFansOutOverWorkingChips)
   std::stable_sort(exposure_everywhere.begin(), exposure_everywhere.end(),
                    [](const std::string& a, const std::string& b) { return a[0] < b[0]; }); // by module
   const Case cases[] = {
+      {varkelQuad, "exposure", 2, 0, false, 0.25, {}, 0, {"2:HS_AcquireTime_Command 0 0"}, nullptr, true},
+      {varkelQuad, "trigger", 1, 0, false, 2, {}, 0, {"1:HS_Trigger_Command 0 0"}},
+      {varkelQuad, "gain", 3, 14, false, 2, {}, 0, each_chip(3, 14, 14, {"HS_Get_OMR 17"})},
+      {varkelQuad, "dac.GND", 1, 1, false, 132, {}, 0, each_chip(1, 1, 1, {"HS_ImgChipDAC 0 20 0"})},
+      {varkelQuad, "readout-mode", 0, 0, false, VARKEL_MEDIPIX_MODE_CRW, {}, 0, {"1:HS_ImageMode_Command 0 0"}},
+      {varkelLite, "gain", 1, 30, false, 2, {}, 0, each_chip(1, 30, 30, {"HS_Get_OMR 17"})},
+      {kinlet, "dac.GND", 1, 25, false, 132, {}, 0, each_chip(1, 25, 25, {"HS_ImgChipDAC 0 20 0"})},
       {varkelQuad,
        "exposure",
        0,
        0,
+       true,
        0.5,
-       {{"HS_AcquirePeriod_Command", "0"}, {"HS_AcquireTime_Command", "0.500000"}},
+       {{"HS_AcquirePeriod_Command", "0"}, {"HS_AcquireTime_Command", "0.5"}},
        0,
        exposure_everywhere},
-      {varkelTrio,
-       "trigger",
-       1,
-       0,
-       1,
-       {{"HS_Trigger_Command", "1"}},
-       0,
-       {"1:HS_Trigger_Command 1 1", "1:HS_Trigger_Command 0 0"}},
       {varkelTrio,
        "colour-mode",
        1,
        5,
+       true,
        1,
        {{"HS_Get_OMR", "1"}},
        0,
-       on_chip(1, 2, 4, "HS_Set_OMR 12 1") + Commands{"1:HS_Get_OMR 12"}},
+       each_chip(1, 5, 5, {"HS_Set_OMR 12 1", "HS_Get_OMR 12"})},
       // Every chip: the all-chips command, then each chip read back...
       {varkelLite,
        "polarity",
        1,
        0,
+       true,
        1,
        {{"HS_Get_OMR", "1"}},
        0,
        Commands{"1:HS_ImgChipOMR 3 2 1"} + each_chip(1, 25, 36, {"HS_Get_OMR 2"})},
+      {kinlet,
+       "dac.GND",
+       1,
+       0,
+       true,
+       100,
+       {{"HS_ImgChipDAC", "100"}},
+       0,
+       Commands{"1:HS_ImgChipDAC 3 20 100"} + each_chip(1, 25, 25, {"HS_ImgChipDAC 0 20 0"})},
       // ... or chip by chip over the working chips when one is off.
       {varkelQuad,
        "polarity",
        2,
        0,
+       true,
        1,
        {{"HS_Get_OMR", "1"}},
        0,
        each_chip(2, 1, 36, {"HS_Set_OMR 2 1", "HS_Get_OMR 2"}, 30)},
-      {kinlet,
-       "dac.GND",
-       1,
-       0,
-       100,
-       {{"HS_ImgChipDAC", "100"}},
-       0,
-       Commands{"1:HS_ImgChipDAC 3 20 100"} + each_chip(1, 25, 25, {"HS_ImgChipDAC 0 20 0"})},
-      {varkelTrio,
-       "dac.GND",
-       1,
-       7,
-       100,
-       {{"HS_ImgChipDAC", "100"}},
-       0,
-       on_chip(1, 2, 6, "HS_ImgChipDAC 1 20 100") + Commands{"1:HS_ImgChipDAC 0 20 0"},
-       nullptr,
-       true},
       // Accepted, but another value reads back.
       {varkelTrio,
        "trigger",
        1,
        0,
+       true,
        1,
        {{"HS_Trigger_Command", "2"}},
        VARKEL_NOT_APPLIED,
@@ -236,6 +184,7 @@ TEST(Settings, PutWritesReadsBackAndFansOutOverWorkingChips)
        "exposure",
        2,
        0,
+       true,
        0.3,
        {{"HS_AcquirePeriod_Command", "100000"}},
        -3,
@@ -245,33 +194,47 @@ TEST(Settings, PutWritesReadsBackAndFansOutOverWorkingChips)
        "period",
        0,
        0,
+       true,
        0.1,
        {{"HS_AcquireTime_Command", "0.200000"}},
        -3,
        {"1:HS_AcquireTime_Command 0 0"},
        "put period 0.1: exposure 0.2 s does not fit period 0.1 s"},
       // Refused before anything is sent.
-      {varkelQuad, "bias", 1, 0, 5, {}, VARKEL_BUSY, {}, "bias cannot change while an acquisition runs", true},
-      {varkelQuad, "gain", 2, 30, 1, {}, VARKEL_CHIP_OFF, {}, "chip 30 is switched off"},
-      {varkelQuad, "dac.GND", 1, 1, 256, {}, -3, {}},
-      {varkelQuad, "gain", 1, 1, 1.5, {}, -3, {}},
-      {varkelQuad, "exposures-taken", 1, 0, 3, {}, -3, {}},
-      {varkelQuad, "exposure", 5, 0, 1, {}, -7, {}},
-      {varkelQuad, "gain", 1, 37, 1, {}, -4, {}},
-      {varkelLite, "gain", 1, 1, 1, {}, -4, {}},
+      {varkelQuad, "bias", 1, 0, true, 5, {}, VARKEL_BUSY, {}, "bias cannot change while an acquisition runs", true},
+      {varkelQuad, "gain", 2, 30, true, 1, {}, VARKEL_CHIP_OFF, {}, "chip 30 is switched off"},
+      {varkelQuad, "gain", 2, 30, false, -1, {}, VARKEL_CHIP_OFF, {}, "chip 30 is switched off"},
+      {varkelLite, "gain", 1, 1, false, -1, {}, -4, {}},
+      {kinlet, "gain", 1, 26, true, 1, {}, -4, {}},
+      {varkelQuad, "gain", 1, 37, true, 1, {}, -4, {}},
+      {varkelQuad, "exposure", 5, 0, true, 1, {}, -7, {}},
+      {varkelQuad, "dac.GND", 1, 1, true, 256, {}, -3, {}},
+      {varkelQuad, "gain", 1, 1, true, 1.5, {}, -3, {}},
+      {varkelQuad, "exposures-taken", 1, 0, true, 3, {}, -3, {}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << "model " << c.model << " " << c.name << " " << c.value);
+    SCOPED_TRACE(::testing::Message() << "model " << c.model << (c.put ? " put " : " get ") << c.name << " "
+                                      << c.value);
     auto det = detector(c.model, c.acquiring);
-    det->answer_all(replies(c.replies));
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(varkel_setting_put(det->handle(), named(c.name), c.module, c.chip, c.value), c.rc);
-    ::testing::internal::GetCapturedStdout();
+    varkel_t* v = det->handle();
+    det->answer_all(replies(c.replies.empty() ? read_backs : c.replies));
+    double got = -1;
+    const int rc = c.put ? varkel_setting_put(v, named(c.name), c.module, c.chip, c.value)
+                         : varkel_setting_get(v, named(c.name), c.module, c.chip, &got);
+    EXPECT_EQ(rc, c.rc);
     EXPECT_EQ(det->all_commands(), c.sent);
-    if (c.noted != nullptr) {
-      EXPECT_EQ(failure_text(det->handle()).rfind(c.noted, 0), 0u) << failure_text(det->handle());
-    }
+    EXPECT_DOUBLE_EQ(c.put ? c.value : got, c.value);
+    EXPECT_EQ(failure_text(v).rfind(c.noted ? c.noted : "", 0), 0u) << failure_text(v);
   }
+  // A reply without a number is no value, and the caches keep what they held.
+  auto det = detector(varkelQuad);
+  det->handle()->acquireParam.acquireTime = 0.125f;
+  double value = -1;
+  EXPECT_EQ(varkel_setting_get(det->handle(), named("exposure"), 1, 0, &value), -2);
+  EXPECT_EQ(varkel_setting_get(det->handle(), named("dac.GND"), 1, 1, &value), -2);
+  EXPECT_EQ(value, -1);
+  EXPECT_EQ(det->handle()->acquireParam.acquireTime, 0.125f);
+  EXPECT_EQ(det->handle()->digital_dac_values[0][DAC_GND - 1], 0);
 }
 
 // A controller that answers reads with 0 ("Counter Low" for the counter) and
