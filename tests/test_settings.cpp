@@ -344,7 +344,9 @@ TEST(Settings, ValuesByNameAndNumber)
     const varkel_setting_t* s = named(name);
     return Face{s->name, s->writable, s->kind, s->min, s->max, s->value_count, s->values};
   };
-  EXPECT_EQ(face("gain"), (Face{"gain", 1, VARKEL_SETTING_NAMED, 0, 3, 4, "super-high low high super-low"}));
+  EXPECT_EQ(face("trigger-out"), (Face{"trigger-out", 1, VARKEL_SETTING_NAMED, 0, 11, 12,
+                                       "disable both sw external shutter-a shutter-b shutter-c shutter-all acq-a "
+                                       "acq-b acq-c acq-all"}));
   EXPECT_EQ(face("dac.DISCH"), (Face{"dac.DISCH", 1, VARKEL_SETTING_WHOLE, 0, 255, 0, "0..255"}));
   EXPECT_EQ(face("exposure"), (Face{"exposure", 1, VARKEL_SETTING_REAL, 0, 4294.967295, 0, "0..4294.967295"}));
   EXPECT_EQ(face("exposures-taken"),

@@ -116,7 +116,7 @@ int bias_of_first_board(varkel_t* v)
 
 // Runs a library read on a module worker's channel into a float: 0 with the
 // number, the read's code, or -2 when the reply held none.
-template <typename Read> int number_read(Read&& read, double* value)
+template <typename ReadInto> int number_read(ReadInto&& read, double* value)
 {
   float volts = NAN;
   if (int rc = read(&volts); rc != 0)
@@ -386,22 +386,16 @@ void describe(Setting& out, const SettingRow& row)
   if (named)
     out.row.max = name_count(row) - 1;
   if (named)
-    std::snprintf(out.range_text, sizeof out.range_text, "%s", row.names);
+    out.range_text[0] = '\0'; // the values text is the names
   else if (std::isinf(row.min) || std::isinf(row.max))
     out.range_text[0] = '\0'; // any number
   else if (row.hex)
     std::snprintf(out.range_text, sizeof out.range_text, "0..%llx", static_cast<unsigned long long>(row.max));
   else
     std::snprintf(out.range_text, sizeof out.range_text, "%.15g..%.15g", row.min, row.max);
-  out.pub = {row.name,
-             row.help,
-             out.range_text,
-             row.scope,
-             row.set != nullptr ? 1 : 0,
-             row.kind,
-             out.row.min,
-             out.row.max,
-             named ? name_count(row) : 0};
+  out.pub = {
+      row.name,    row.help,    named ? row.names : out.range_text, row.scope, row.set != nullptr ? 1 : 0, row.kind,
+      out.row.min, out.row.max, named ? name_count(row) : 0};
 }
 
 // Built in place once: each public face points into its own row's text.
