@@ -62,15 +62,18 @@ struct Outcome {
     return code;
   }
 
-  // Fails with the failure the handle noted last (module, chip, what happened).
-  int fail_noted(varkel_t* v, int code, const char* what)
+  // Fails with the failure the handle noted last (module, chip, what happened)
+  // when one was noted since `before`, else with the code's text.
+  int fail_noted(varkel_t* v, uint64_t before, int code, const char* what)
   {
     varkel_failure_t f{};
+    if (varkel_failure_count(v) == before)
+      return fail(code, 0, "%s: %s", what, varkel_error_string(code));
     varkel_last_failure(v, &f);
     char chip[32] = "";
     if (f.chip != 0)
       std::snprintf(chip, sizeof chip, " chip %d", f.chip);
-    return fail(code, 0, "%s: module %d%s: %s", what, f.module, chip, f.code != 0 ? f.text : varkel_error_string(code));
+    return fail(code, 0, "%s: module %d%s: %s", what, f.module, chip, f.text);
   }
 
   // Hands the entries over to the report (malloc'ed: freed by the C caller's call).
@@ -110,8 +113,6 @@ const SettingRow& row_of_entry(const varkel_snapshot_entry_t& e)
       return s.row;
   std::abort(); // entries are made from rows
 }
-
-bool same(const SettingRow& row, double a, double b) { return same_value(row, a, b); }
 
 std::string text_of(const SettingRow& row, double value)
 {
@@ -460,7 +461,7 @@ std::vector<varkel_snapshot_entry_t> differences(const Values& a, const Values& 
   for (const auto& [key, value] : a) {
     const auto it = b.find(key);
     const double other = it != b.end() ? it->second : NAN;
-    if (!same(*std::get<2>(key), value, other))
+    if (!same_value(*std::get<2>(key), value, other))
       found.push_back(entry(key, value, other));
   }
   if (both)
@@ -510,12 +511,12 @@ int varkel_snapshot_save(varkel_t* varkel, const char* path, varkel_snapshot_rep
   assert(varkel != NULL);
   varkel_snapshot_report_t local{};
   Outcome out{report_or(report, local), {}};
-  const uint64_t before = extras(varkel).commands.load();
+  const uint64_t before = extras(varkel).commands.load(), noted = varkel_failure_count(varkel);
   Values values;
   int rc = read_detector(varkel, values);
   out.report.commands = extras(varkel).commands.load() - before;
   if (rc != 0)
-    out.fail_noted(varkel, rc, "a read-back failed");
+    out.fail_noted(varkel, noted, rc, "a read-back failed");
   else
     rc = write_file(varkel, values, path != nullptr ? path : "", out);
   const int code = out.finish(rc);
@@ -535,11 +536,11 @@ int varkel_snapshot_diff(varkel_t* varkel, const char* path, const char* other_p
   if (rc == 0 && other_path != nullptr)
     rc = load(other_path, first.model, second, out);
   if (rc == 0 && other_path == nullptr) {
-    const uint64_t before = extras(varkel).commands.load();
+    const uint64_t before = extras(varkel).commands.load(), noted = varkel_failure_count(varkel);
     rc = read_detector(varkel, second.values);
     out.report.commands = extras(varkel).commands.load() - before;
     if (rc != 0)
-      out.fail_noted(varkel, rc, "a read-back failed");
+      out.fail_noted(varkel, noted, rc, "a read-back failed");
   }
   if (rc == 0)
     out.entries = differences(first.values, second.values, other_path != nullptr);
@@ -564,20 +565,21 @@ int apply_differences(varkel_t* v, const Values& wanted, const Values& now, Outc
   for (varkel_snapshot_entry_t& e : writes) {
     const SettingRow& row = row_of_entry(e);
     const auto off = now.find({e.module, e.chip, &disabled});
+    const uint64_t noted = varkel_failure_count(v);
     int step = 0;
     if (row.set == nullptr || (e.chip != 0 && off != now.end() && off->second != 0)) {
       unverified = true; // what the hardware is, or a chip switched off: nothing to write
     } else {
       if (e.module != module || e.chip != chip) {
         step = select_for(v, row, e.module, e.chip); // detector values: on module 1
-        module = e.module;
+        module = step == 0 ? e.module : -1;          // a failed selection is tried again
         chip = e.chip;
       }
       step = step != 0 ? step : write_and_verify(v, row, e);
       unverified |= !e.verified;
     }
     if (step != 0 && step != VARKEL_NOT_APPLIED && first_failure == 0)
-      first_failure = out.fail_noted(v, step, row.name);
+      first_failure = out.fail_noted(v, noted, step, row.name);
     out.entries.push_back(e);
   }
   if (first_failure != 0)
@@ -594,10 +596,10 @@ int varkel_snapshot_apply(varkel_t* varkel, const char* path, varkel_snapshot_re
   Outcome out{report_or(report, local), {}};
   Snapshot wanted;
   int rc = load(path, model_geometry(varkel->detModel), wanted, out);
-  const uint64_t before = extras(varkel).commands.load();
+  const uint64_t before = extras(varkel).commands.load(), noted = varkel_failure_count(varkel);
   Values now;
   if (rc == 0 && (rc = read_detector(varkel, now)) != 0)
-    out.fail_noted(varkel, rc, "a read-back failed");
+    out.fail_noted(varkel, noted, rc, "a read-back failed");
   if (rc == 0)
     rc = apply_differences(varkel, wanted.values, now, out);
   out.report.commands = extras(varkel).commands.load() - before;
