@@ -227,7 +227,8 @@ ModuleReading read_module(varkel_t* v, varkel_thread_t owner)
 
 // Everything the library reads back: detector and module settings on the main
 // channel, then boards and chips one worker per module on its own channel.
-// Returns 0, the first code, or VARKEL_REFUSED when the controller refused a read.
+// Returns 0, the first code, or the code of a failure noted on a read that
+// returned 0 (VARKEL_REFUSED when the controller refused it).
 int read_detector(varkel_t* v, Values& values)
 {
   const uint64_t before = varkel_failure_count(v);
@@ -241,7 +242,7 @@ int read_detector(varkel_t* v, Values& values)
     first = first != 0 ? first : r.rc;
     values.merge(r.values);
   }
-  return first == 0 && varkel_failure_count(v) != before ? VARKEL_REFUSED : first;
+  return first == 0 && varkel_failure_count(v) != before ? varkel_last_failure(v, nullptr) : first;
 }
 
 // ---- files -----------------------------------------------------------------------
