@@ -303,6 +303,12 @@ TEST(Settings, RefusedAndForgottenWritesAreErrors)
   EXPECT_EQ(varkel_setting_get(det.handle(), named("gain"), 1, 3, &value), VARKEL_REFUSED);
   EXPECT_EQ(value, -1);
   EXPECT_EQ(det.handle()->acquireParam.acquireTime, 0.0f);
+  TempFile saved("refused");
+  varkel_snapshot_report_t report{};
+  EXPECT_EQ(varkel_snapshot_save(det.handle(), saved.path.c_str(), &report), VARKEL_REFUSED);
+  EXPECT_EQ(std::string(report.message).find("a read-back failed: module 1: the controller refused"), 0u);
+  EXPECT_EQ(saved.text(), "");
+  varkel_snapshot_report_free(&report);
 }
 
 TEST(Settings, ValuesByNameAndNumber)
