@@ -19,7 +19,7 @@
 //     read-counter    low high                     US_ReadCounter
 //     discard-data    off on                       US_DiscardData
 //     bias            volts 0..100: put ramps every board of the module
-//                     (setSensorBias), get reads board 0
+//                     (setSensorBias) and reads each back, get reads board 0
 //     exposures-taken read-only: the controller's exposure count
 //   per chip (chip number 1..36 on the model; put with chip 0: every working chip)
 //     operation-mode, crw-srw, polarity, data-out, discriminator, test-pulse,

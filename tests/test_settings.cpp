@@ -113,7 +113,14 @@ TEST(Settings, GetAndPutSendTheirCommands)
       exposure_everywhere.push_back(std::to_string(m) + ":" + command);
   std::stable_sort(exposure_everywhere.begin(), exposure_everywhere.end(),
                    [](const std::string& a, const std::string& b) { return a[0] < b[0]; }); // by module
+  // The bias ramps every board from the value it reads there, then each board is read back.
+  Commands bias;
+  for (int pass = 0; pass < 2; ++pass)
+    for (const char* board : {"0", "1", "2"})
+      bias = bias +
+             Commands{std::string("1:SelectMedipixBoard_Command 1 ") + board, "1:HS_SensorBias_Command 0 0 0.000000"};
   const Case cases[] = {
+      {varkelTrio, "bias", 1, 0, true, 5, {{"HS_SensorBias_Command", "5.000000"}}, 0, bias},
       {varkelQuad, "exposure", 2, 0, false, 0.25, {}, 0, {"2:HS_AcquireTime_Command 0 0"}, nullptr, true},
       {varkelQuad, "trigger", 1, 0, false, 2, {}, 0, {"1:HS_Trigger_Command 0 0"}},
       {varkelQuad, "gain", 3, 14, false, 2, {}, 0, each_chip(3, 14, 14, {"HS_Get_OMR 17"})},

@@ -54,14 +54,14 @@ struct SettingRow {
   Rule rule = Rule::none;        // exposure or period: checked against the other one in force
   int board = -1;                // a per-board row: the board it reads and writes
   bool snapshot_only{};          // kept by snapshots, not among the public names
-  bool per_board_in_snapshots{}; // snapshots keep it as its per-board rows instead
+  bool per_board{};              // read back, and kept by snapshots, board by board: the rows with a board
 };
 
 // Whether snapshots keep the row: the settings (written back on apply) and what
 // they compare but never write (efuse identifiers, disabled chips).
 inline bool kept_in_snapshots(const SettingRow& row)
 {
-  return row.snapshot_only || (row.set != nullptr && !row.per_board_in_snapshots);
+  return row.snapshot_only || (row.set != nullptr && !row.per_board);
 }
 
 // The row with its public face (values text generated from kind and range).

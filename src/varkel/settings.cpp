@@ -228,7 +228,7 @@ constexpr SettingRow kFixed[] = {
      .cached = kBias,
      .set = bias_of_module,
      .changes_acquisition = true,
-     .per_board_in_snapshots = true},
+     .per_board = true},
     {.name = "exposures-taken",
      .help = "exposures the module has taken, count",
      .scope = kModule,
@@ -582,8 +582,16 @@ int chip_off(varkel_t* v, int module, int chip)
 // working chip (chip 0).
 int put_on_module(varkel_t* v, const SettingRow& row, int module, int chip, double value)
 {
-  if (row.scope != VARKEL_SETTING_CHIP)
+  if (row.scope != VARKEL_SETTING_CHIP && !row.per_board)
     return put_selected(v, row, 0, value);
+  if (row.per_board) {
+    const uint64_t before = varkel_failure_count(v);
+    int first = refused_since(v, before, row.set(v, value), 0);
+    for (const Setting& s : table()) // the per-board rows (the bias's)
+      if (first == 0 && s.row.board >= 0 && s.row.board < v->max_num_boards)
+        first = verify_selected(v, s.row, 0, value);
+    return first;
+  }
   if (chip == 0)
     return put_module_chips(v, row, module, value);
   if (!chip_working(v, module, chip))
