@@ -11,15 +11,14 @@ namespace {
 
 Kind kind_of(const varkel_setting_t* s)
 {
-  const std::string_view values = s->values;
-  if (values == "off on")
-    return Kind::boolean;
-  if (!values.empty() && values.find("..") == std::string_view::npos)
-    return Kind::named;
-  // Whole numbers print no fraction.
-  char text[32];
-  return varkel_setting_format(s, 0.5, text, sizeof text) == 0 && std::string_view(text) == "0.5" ? Kind::real
-                                                                                                  : Kind::integer;
+  switch (s->kind) {
+  case VARKEL_SETTING_NAMED:
+    return std::string_view(s->values) == "off on" ? Kind::boolean : Kind::named;
+  case VARKEL_SETTING_REAL:
+    return Kind::real;
+  default:
+    return Kind::integer;
+  }
 }
 
 // The shortest text that reads back as `x`, for the table's parser.

@@ -112,10 +112,13 @@ def test_refusals_and_silence_name_module_chip_and_command(controllers):
     def answer(method, command):
         if method in ("HS_AcquireTime_Command", "HS_Set_OMR"):
             return "error", "interlock: refused"
-        return None if command == "HS_AcquirePeriod_Command 0 0" else ("result", "1")
+        return "result", "1000000" if command == "HS_AcquirePeriod_Command 0 0" else "1"  # a period of 1 s
+
+    def silent_period(method, command):  # module 4's
+        return None if command == "HS_AcquirePeriod_Command 0 0" else answer(method, command)
 
     with varkel.Detector("quad", timeout=0.5) as det:
-        det.connect(controllers(answer, 4), attach=True)
+        det.connect(controllers(answer, 3) + controllers(silent_period), attach=True)
         cases = [
             (set_(det.module(2), "exposure", 0.5), varkel.ControllerError, 2, None, "HS_AcquireTime_Command 1 500000",
              "module 2: exposure: the controller refused HS_AcquireTime_Command 1 500000: interlock: refused"),
@@ -138,21 +141,24 @@ def test_refusals_and_silence_name_module_chip_and_command(controllers):
     assert time.monotonic() - start < 5
 
 
-def test_ctrl_c_stops_the_acquisition_and_a_second_one_meanwhile_is_refused(det):
+def test_ctrl_c_stops_the_acquisition_and_changes_meanwhile_are_refused(det):
     det.exposure, det.period = 0.05, 0.1
     refused = []
 
-    def second_then_interrupt():
-        try:
-            det.acquire(exposures=1)
-        except varkel.Error as e:
-            refused.append(e)
+    def changes_then_interrupt():  # from another thread, while the acquisition hands the detector over
+        for change in (set_(det, "exposure", 0.02), set_(det.module(2), "bias", 20), lambda: det.acquire()):
+            try:
+                change()
+            except varkel.Error as e:
+                refused.append((e.code, str(e)))
         _thread.interrupt_main()
 
-    threading.Timer(0.3, second_then_interrupt).start()
+    threading.Timer(0.3, changes_then_interrupt).start()
     with pytest.raises(KeyboardInterrupt):
         det.acquire(exposures=40)
-    assert [(e.code, str(e)) for e in refused] == [(BUSY, "acquire: an acquisition runs already")]
+    assert refused == [(BUSY, "exposure: exposure cannot change while an acquisition runs"),
+                       (BUSY, "module 2: bias: bias cannot change while an acquisition runs"),
+                       (BUSY, "acquire: an acquisition runs already")] and det.exposure == 0.05
     taken = det.exposures_taken
     time.sleep(0.3)  # stopped: the count stays
     assert det.exposures_taken == taken
