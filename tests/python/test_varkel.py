@@ -66,6 +66,21 @@ def test_typical_use(det):
         det.exposure
 
 
+@pytest.mark.parametrize("model, chips", [("kinlet", [25]), ("lite", list(range(25, 37)))])
+def test_one_board_models_number_their_chips_from_board_0(model, chips):
+    with varkel.Simulator(model, missing_chips=[(1, 25)]) as sim, varkel.Detector(model) as det:
+        det.connect(sim)
+        assert det.disabled_chips == [(1, 25)]
+        with pytest.raises(IndexError, match="no chip number 24 on this model"):
+            det.chip(1, 24)
+        if len(chips) > 1:  # every chip means the working ones: read back through the first of them
+            det.gain = "low"
+            assert det.gain == det.chip(1, chips[-1]).gain == "low"
+            assert sorted(c for _, c in det.scan("GND", module=1)) == chips[1:]
+        with pytest.raises(varkel.Error, match="^module 1 chip 25 is switched off$"):
+            det.chip(1, 25).gain = "high"
+
+
 def test_errors(det, workdir):
     off = "module 2 chip 29 is switched off"
     cases = [  # checked before anything is sent
