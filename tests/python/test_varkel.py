@@ -149,6 +149,10 @@ def test_refusals_and_silence_name_module_chip_and_command(controllers):
             assert (e.value.module, e.value.chip, e.value.command, str(e.value)) == (module, chip, command, text)
             assert time.monotonic() - start < 2
         assert isinstance(e.value, TimeoutError) and isinstance(e.value, varkel.Error) and e.value.reply is None
+        # Ctrl-C during a call that waits: seen when the call returns, within its time-out.
+        threading.Timer(0.1, _thread.interrupt_main).start()
+        with pytest.raises(KeyboardInterrupt):
+            det.module(4).period
     # A port that accepts and never answers: the connect ends within its bounds.
     start = time.monotonic()
     with varkel.Detector("trio", timeout=0.2) as det, pytest.raises(varkel.TimeoutError, match="did not answer"):
