@@ -76,7 +76,10 @@ void init_errors(py::module_& m)
   f.module = f.module != 0 ? f.module : doing.module;
   f.chip = f.chip != 0 ? f.chip : doing.chip;
   const std::string text = noted != nullptr && *f.text ? f.text : varkel_error_string(code);
-  const std::string message = where(f.module, f.chip) + (doing.what.empty() ? "" : doing.what + ": ") + text;
+  // What the call was doing, unless the failure's own words already say it
+  // ("put exposure 0.5: ...", "bias cannot change while ...").
+  const bool said = !doing.what.empty() && text.substr(0, text.find(':')).find(doing.what) != std::string::npos;
+  const std::string message = where(f.module, f.chip) + (doing.what.empty() || said ? "" : doing.what + ": ") + text;
   py::handle type = error_type;
   if (f.code == VARKEL_REFUSED || rc == VARKEL_REFUSED)
     type = controller_type;
