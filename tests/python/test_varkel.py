@@ -165,6 +165,7 @@ def test_ctrl_c_stops_the_acquisition_and_changes_meanwhile_are_refused(det):
     refused = []
 
     def changes_then_interrupt():  # from another thread, while the acquisition hands the detector over
+        started.wait(10)
         for change in (set_(det, "exposure", 0.02), set_(det.module(2), "bias", 20), lambda: det.acquire()):
             try:
                 change()
@@ -172,9 +173,11 @@ def test_ctrl_c_stops_the_acquisition_and_changes_meanwhile_are_refused(det):
                 refused.append((e.code, str(e)))
         _thread.interrupt_main()
 
-    threading.Timer(0.3, changes_then_interrupt).start()
+    started, worker = threading.Event(), threading.Thread(target=changes_then_interrupt)
+    worker.start()
     with pytest.raises(KeyboardInterrupt):
-        det.acquire(exposures=40)
+        det.acquire(exposures=40, progress=lambda fraction: started.set())
+    worker.join()
     assert refused == [(BUSY, "exposure cannot change while an acquisition runs"),
                        (BUSY, "module 2: bias cannot change while an acquisition runs"),
                        (BUSY, "acquire: an acquisition runs already")] and det.exposure == 0.05
