@@ -502,21 +502,21 @@ bool bring_up(Demo& demo, const Settings& s, const varkel_t* v, const varkel::si
 // The acquisition and what follows it.
 bool acquisition(Demo& demo, const Settings& s, varkel_t* v)
 {
-  const auto every_module = [](double value, const char* unit) { return format("%g%s on every module", value, unit); };
+  const auto every_module = [](double value, const char* shown) { return format(shown, value) + " on every module"; };
   return demo.step("acquisition time",
                    [&] {
                      return demo.set_value([&] { return set_acquireTime(v, s.exposure); },
-                                           [&] { return every_module(v->acquireParam.acquireTime, " s"); });
+                                           [&] { return every_module(v->acquireParam.acquireTime, "%.6f s"); });
                    }) &&
          demo.step("acquisition period",
                    [&] {
                      return demo.set_value([&] { return set_periodTime(v, s.period); },
-                                           [&] { return every_module(v->acquireParam.acquirePeriod, " s"); });
+                                           [&] { return every_module(v->acquireParam.acquirePeriod, "%.6f s"); });
                    }) &&
          demo.step("exposures",
                    [&] {
                      return demo.set_value([&] { return set_numberExposures(v, s.exposures); },
-                                           [&] { return every_module(v->acquireParam.numExposures, ""); });
+                                           [&] { return every_module(v->acquireParam.numExposures, "%.0f"); });
                    }) &&
          demo.step("trigger mode", [&] { return demo.trigger_arrangement(); }) &&
          demo.step("preparation", [&] { return demo.prepare(); }) &&
