@@ -106,8 +106,7 @@ void run_chips(Detector& d, Output& out)
     std::string named;
     for (const LeftOut& l : off_chips) {
       json_object_array_add(off, json_object_new_int(l.chip));
-      named += format("%s%d (board %d, position %d)", named.empty() ? "" : ", ", l.chip, 2 - (l.chip - 1) / 12,
-                      (l.chip - 1) % 12);
+      named += format("%s%d", named.empty() ? "" : ", ", l.chip);
     }
     json_object* o = json_place(m, 0);
     json_object_object_add(o, "answering", json_object_new_int(answering));
