@@ -31,13 +31,13 @@ typedef void (*varkel_progress_fn)(const varkel_acquire_progress_t* progress, vo
 // What an acquisition is to do. Start from varkel_acquire_request_init: every
 // value left as it sets it keeps what the detector has.
 typedef struct {
-  double exposure;   // seconds; < 0: keep the detector's
-  double period;     // seconds; < 0: keep the detector's
-  int exposures;     // count; 0: keep the detector's
-  int lead_module;   // 1..modules: that module leads the others with its shutter
-                     // output (they start on its rising edge); 0: keep the trigger
-                     // arrangement as it is
-  double deadline;   // seconds from the start; <= 0: twice the expected time plus 10 s
+  double exposure;                     // seconds; < 0: keep the detector's
+  double period;                       // seconds; < 0: keep the detector's
+  int exposures;                       // count; 0: keep the detector's
+  int lead_module;                     // 1..modules: that module leads the others with its shutter
+                                       // output (they start on its rising edge); 0: keep the trigger
+                                       // arrangement as it is
+  double deadline;                     // seconds from the start; <= 0: twice the expected time plus 10 s
   const volatile sig_atomic_t* cancel; // non-NULL: once non-zero (set it from any
                                        // thread or a signal handler) the wait ends
   varkel_progress_fn progress;         // non-NULL: called from the waiting thread
@@ -55,15 +55,18 @@ typedef struct {
 VARKEL_API void varkel_acquire_request_init(varkel_acquire_request_t* request);
 
 // Writes only the values the request gives (exposure and period in the order the
-// values in force allow; an exposure longer than the period it would run with is
-// refused with -3 and nothing sent), prepares the data server when the model has
-// one, starts, and waits until every exposure is done, reporting progress about
-// every 50 ms. While it runs, writes through <varkel/settings.h> that would change
-// it are refused with VARKEL_BUSY. Whenever the wait ends early (cancel, deadline,
-// an error) every module is told to stop. Returns 0; ECANCELED when cancelled;
-// ETIMEDOUT when the deadline passed; VARKEL_REFUSED when a controller refused a
-// command; the code of a controller that stopped answering or dropped its
-// connection; else the failing call's code. `result` may be NULL.
+// values in force allow, which it reads back first; an exposure longer than the
+// period it would run with is refused with -3 and nothing written), prepares the
+// data server when the handle has one, starts, and waits until every exposure is
+// done, reporting progress about every 50 ms. The wait reads the exposure counter
+// of the leading module (module 1 when none is given) at every look. A NULL
+// request keeps every setting. While it runs, writes through <varkel/settings.h>
+// that would change it, and a second varkel_acquire, are refused with VARKEL_BUSY.
+// Whenever the wait ends early (cancel, deadline, an error) every module is told
+// to stop. Returns 0; ECANCELED when cancelled; ETIMEDOUT when the deadline
+// passed; -7 for a lead module the model does not have; VARKEL_REFUSED when a
+// controller refused a command; the code of a controller that stopped answering
+// or dropped its connection; else the failing call's code. `result` may be NULL.
 VARKEL_API int varkel_acquire(varkel_t* varkel, const varkel_acquire_request_t* request,
                               varkel_acquire_result_t* result);
 
@@ -76,8 +79,9 @@ VARKEL_API int varkel_acquiring(varkel_t* varkel);
 
 // Whether the model has a data server with a sample frame (varkelTrio, varkelQuad): 1 or 0.
 VARKEL_API int varkel_model_has_data_server(varkel_detector_model_t model);
-// Prepares the data server for the next acquisition (prepare_varkel) when the
-// handle's model has one; sends nothing otherwise. Returns 0 or prepare_varkel's code.
+// Prepares the data server for the next acquisition: prepare_varkel on a model
+// with a sample frame, prepare_backend on the others. A handle without a data
+// server connection sends nothing. Returns 0 or the preparation's code.
 VARKEL_API int varkel_prepare_data_server(varkel_t* varkel);
 
 // ---------------------------------------------------------------------------

@@ -62,6 +62,15 @@ std::optional<KeyFileFailure> extract_module(GKeyFile* file, dac_data& out)
   return std::nullopt;
 }
 
+std::optional<KeyFileFailure> load_module(const char* file, dac_data& out)
+{
+  KeyFile keys(g_key_file_new());
+  GError* error = nullptr;
+  if (!g_key_file_load_from_file(keys.get(), file, G_KEY_FILE_NONE, &error))
+    return failure(error, __LINE__);
+  return extract_module(keys.get(), out);
+}
+
 } // namespace
 
 std::optional<KeyFileFailure> parse_module_dacs(std::string_view text, dac_data& out)
@@ -77,14 +86,31 @@ std::optional<KeyFileFailure> parse_module_dacs(std::string_view text, dac_data&
 
 using namespace varkel::detail;
 
+std::optional<DacFilesFailure> varkel::detail::read_dac_files(const char* index_file, dac_data* out)
+{
+  KeyFile index(g_key_file_new());
+  GError* error = nullptr;
+  if (!g_key_file_load_from_file(index.get(), index_file, G_KEY_FILE_NONE, &error))
+    return DacFilesFailure{0, index_file, failure(error, __LINE__)};
+  // Every module's file is named and read, whatever the model.
+  GText paths[4];
+  for (int m = 0; m < 4; ++m) {
+    const std::string key = "MODULE " + std::to_string(m + 1);
+    paths[m].reset(g_key_file_get_string(index.get(), "paths", key.c_str(), &error));
+    if (!paths[m])
+      return DacFilesFailure{0, index_file, failure(error, __LINE__)};
+  }
+  index.reset();
+  for (int m = 0; m < 4; ++m)
+    if (auto failed = load_module(paths[m].get(), out[m]))
+      return DacFilesFailure{m + 1, paths[m].get(), std::move(*failed)};
+  return std::nullopt;
+}
+
 int read_dacs_from_file(const char* file, dac_data* dfdata)
 {
   assert(file != NULL && dfdata != NULL);
-  KeyFile keys(g_key_file_new());
-  GError* error = nullptr;
-  if (!g_key_file_load_from_file(keys.get(), file, G_KEY_FILE_NONE, &error))
-    return report(failure(error, __LINE__));
-  const auto failed = extract_module(keys.get(), *dfdata);
+  const auto failed = load_module(file, *dfdata);
   return failed ? report(*failed) : 0;
 }
 
@@ -92,24 +118,11 @@ int read_default_dacs(const char* filename, dac_data* dfdata)
 {
   assert(filename != NULL && dfdata != NULL);
   printf("reading file %s\n", filename);
-  KeyFile index(g_key_file_new());
-  GError* error = nullptr;
-  if (!g_key_file_load_from_file(index.get(), filename, G_KEY_FILE_NONE, &error))
-    return report(failure(error, __LINE__));
-  // Every module's file is named and read, whatever the model.
-  GText paths[4];
-  for (int m = 0; m < 4; ++m) {
-    const std::string key = "MODULE " + std::to_string(m + 1);
-    paths[m].reset(g_key_file_get_string(index.get(), "paths", key.c_str(), &error));
-    if (!paths[m])
-      return report(failure(error, __LINE__));
-  }
-  index.reset();
-  for (int m = 0; m < 4; ++m) {
-    if (read_dacs_from_file(paths[m].get(), &dfdata[m]) != 0) {
-      std::fprintf(stderr, "error reading file %s\n", paths[m].get());
-      return -1;
-    }
-  }
-  return 0;
+  const auto failed = read_dac_files(filename, dfdata);
+  if (!failed)
+    return 0;
+  report(failed->failure);
+  if (failed->module != 0)
+    std::fprintf(stderr, "error reading file %s\n", failed->file.c_str());
+  return -1;
 }

@@ -4,6 +4,7 @@
 #include <cassert>
 #include <cmath>
 
+#include "internal/acquisition_limits.hpp"
 #include "internal/query.hpp"
 #include "varkel.h"
 
@@ -12,13 +13,6 @@ using namespace varkel::detail;
 namespace {
 
 constexpr varkel_thread_t kMain = VARKEL_THREAD_MAIN;
-
-// Microseconds do not fit 32 bits from these values on: such times are refused.
-constexpr double kMaxAcquireTimeS = 4294.967296;
-constexpr double kMaxPeriodS = 2147.483648;
-
-bool valid_acquire_time(float s) { return std::isfinite(s) && s >= 0.0f && s < kMaxAcquireTimeS; }
-bool valid_period(float s) { return std::isfinite(s) && s >= 0.0f && s < kMaxPeriodS; }
 
 // Seconds to whole microseconds: widened to double and truncated, so 0.7 s held
 // as a float becomes 699999 us.

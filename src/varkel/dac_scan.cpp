@@ -11,25 +11,26 @@
 #include "internal/module_threads.hpp"
 #include "internal/pair_list.hpp"
 #include "internal/query.hpp"
+#include "workflow.h"
 
 using namespace varkel::detail;
 
 namespace {
 
-// The voltage each scannable DAC is set to come nearest, in volts.
+// The voltage each scannable DAC is set to come nearest, in volts: the one table
+// of aims, for the library's scans and for every caller (varkel_scan_aim).
 constexpr struct {
   varkel_dac_t dac;
-  float aim;
-} kAims[] = {{DAC_GND, 0.65f}, {DAC_FBK, 0.9f}, {DAC_CAS, 0.85f}};
+  double aim;
+} kAims[] = {{DAC_GND, 0.65}, {DAC_FBK, 0.9}, {DAC_CAS, 0.85}};
 
 // No other DAC has an aim, so no point of its scan could be chosen: such a scan
-// is refused rather than writing an arbitrary code to the chip.
+// is refused rather than writing an arbitrary code to the chip. Scans compare in
+// single precision.
 std::optional<float> aim_of(varkel_dac_t dac)
 {
-  for (const auto& a : kAims)
-    if (a.dac == dac)
-      return a.aim;
-  return std::nullopt;
+  const double aim = varkel_scan_aim(dac);
+  return aim != 0.0 ? std::optional(static_cast<float>(aim)) : std::nullopt;
 }
 
 } // namespace
@@ -51,6 +52,14 @@ ScanChoice choose_scan_point(const char* text, float aim)
 }
 
 } // namespace varkel::detail
+
+double varkel_scan_aim(varkel_dac_t dac)
+{
+  for (const auto& a : kAims)
+    if (a.dac == dac)
+      return a.aim;
+  return 0.0;
+}
 
 int dac_scan(varkel_t* varkel, varkel_dac_t dac, int initial, int final, int step)
 {

@@ -14,11 +14,11 @@ endfunction()
 
 # The example's statements, taken from the README, in a main function.
 file(READ ${SOURCE}/README.md readme)
-if(NOT readme MATCHES "```cpp\n(#include <varkel/varkel.h>\n)([^`]*)```")
+if(NOT readme MATCHES "```cpp\n((#include <varkel/[a-z]+\\.h>\n)+)([^`]*)```")
   message(FATAL_ERROR "no library example in README.md")
 endif()
 file(WRITE ${WORK}/example.cpp "${CMAKE_MATCH_1}#include <cstdio>\n#include <unistd.h>\n\nint main()\n{\n"
-                               "${CMAKE_MATCH_2}  return 0;\n}\n")
+                               "${CMAKE_MATCH_3}  return 0;\n}\n")
 
 run(${CMAKE_COMMAND} --install ${BUILD} --prefix ${prefix})
 run(${CMAKE_COMMAND} -S ${SOURCE}/tests/install -B ${WORK}/cmake -DCMAKE_PREFIX_PATH=${prefix}

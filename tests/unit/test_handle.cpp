@@ -67,10 +67,12 @@ TEST(ErrorString, EveryCode)
                             "Omr Parameter out of range"};
   for (int i = 0; i <= 12; ++i)
     EXPECT_STREQ(varkel_error_string(-i), expected[i]) << -i;
-  for (int code : {-13, -14, -100, -106, INT32_MIN})
+  for (int code : {-13, -14, -100, -110, INT32_MIN})
     EXPECT_STREQ(varkel_error_string(code), "Invalid error number") << code;
   EXPECT_STREQ(varkel_error_string(-101), "Snapshot file missing or malformed");
   EXPECT_STREQ(varkel_error_string(-105), "Snapshot value did not verify");
+  EXPECT_STREQ(varkel_error_string(-106), "The controller refused the command");
+  EXPECT_STREQ(varkel_error_string(-109), "The chip is switched off");
   EXPECT_STREQ(varkel_error_string(ENOTCONN), strerror(ENOTCONN));
 }
 
