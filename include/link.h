@@ -30,10 +30,13 @@ VARKEL_API int varkel_attach(varkel_t* varkel, const char* const address[], cons
 // valid segment name (nothing changed).
 VARKEL_API int varkel_set_frame_segment(varkel_t* varkel, const char* name);
 
-// Asks module 1 who it is (an identity request that a real controller refuses
-// or does not know). When the answer names a simulator, sets `simulate` and the
-// frame segment the simulator publishes, so that preparation maps the right one.
-// `identity` (may be NULL, `size` bytes) gets the identity text, "" when the
-// controller gives none. Returns 1 for a simulator, 0 for a controller that gives
-// no such identity, else the query's code (nothing changed).
+// Asks module 1 who it is (the request "varkel_Identity", which a real controller
+// refuses or does not know). varkel-sim answers "varkel-sim VERSION model=MODEL
+// module=N segment=NAME" (NAME empty when it publishes no frame): then sets
+// `simulate` and the frame segment it names, so that preparation maps the right
+// one. `identity` (may be NULL, `size` bytes) gets the identity text, "" when the
+// controller gives none. The main channel is left on the module it was on. A
+// controller's refusal is noted on the handle like any other (varkel_last_failure).
+// Returns 1 for a simulator, 0 for a controller that gives no such identity, else
+// the query's code (nothing changed).
 VARKEL_API int varkel_identify(varkel_t* varkel, char* identity, size_t size);

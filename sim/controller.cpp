@@ -409,7 +409,19 @@ Answer send_image(Ctx& c, Params p)
                              : no_chip(p[0].c_str());
 }
 
+// Tells the library's varkel_identify that this is a simulator, and where its
+// frame is: "varkel-sim VERSION model=MODEL module=N segment=NAME" (NAME empty
+// when no frame is published). A real controller does not know the request.
+Answer identity(Ctx& c, Params p)
+{
+  const std::string segment = c.world.segment ? c.world.segment->name() : std::string();
+  return expect_none(p, Answer::result(std::string("varkel-sim " VARKEL_SIM_VERSION " model=") +
+                                       model_name(c.world.model) + " module=" + std::to_string(c.m + 1) +
+                                       " segment=" + segment));
+}
+
 const std::unordered_map<std::string_view, Handler> kCommands = {
+    {"varkel_Identity", identity},
     {"TransportParams", transport_params},
     {"ConfigureTransport", configure_transport},
     {"WriteTransport", write_transport},

@@ -1,12 +1,16 @@
 #include "frame.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <stdexcept>
+#include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -24,7 +28,69 @@ std::string segment_name(varkel_detector_model_t model)
   }
 }
 
-SharedSegment::SharedSegment(std::string name) : name_(std::move(name))
+std::string own_segment_name()
+{
+  static std::atomic<unsigned> counter{0};
+  return "/varkel_sim_" + std::to_string(getpid()) + "_" + std::to_string(counter.fetch_add(1));
+}
+
+bool valid_segment_name(const std::string& name)
+{
+  return name.size() >= 2 && name.size() <= 200 && name[0] == '/' && name.find('/', 1) == std::string::npos;
+}
+
+namespace {
+
+// Who holds a lock file, as its text says: " (pid N)", or nothing when it does not say yet.
+std::string holder_of(int fd)
+{
+  char text[32] = {};
+  const ssize_t n = pread(fd, text, sizeof text - 1, 0);
+  int pid = 0;
+  return n > 0 && std::sscanf(text, "%d", &pid) == 1 ? " (pid " + std::to_string(pid) + ")" : std::string();
+}
+
+// Whether `fd` is still the file at `path`: a holder removes it on its way out.
+bool still_at(int fd, const std::string& path)
+{
+  struct stat held {
+  }, named{};
+  return fstat(fd, &held) == 0 && stat(path.c_str(), &named) == 0 && held.st_dev == named.st_dev &&
+         held.st_ino == named.st_ino;
+}
+
+} // namespace
+
+SegmentLock::SegmentLock(const std::string& name) : path_("/dev/shm" + name + ".lock")
+{
+  for (;;) {
+    fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd_ < 0)
+      throw std::runtime_error("cannot open " + path_ + ": " + std::strerror(errno));
+    if (flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+      const int err = errno;
+      const std::string holder = holder_of(fd_);
+      close(fd_);
+      if (err == EWOULDBLOCK)
+        throw std::runtime_error("segment " + name + " is in use by another simulator" + holder);
+      throw std::runtime_error("cannot lock " + path_ + ": " + std::strerror(err));
+    }
+    if (still_at(fd_, path_))
+      break;
+    close(fd_); // locked a file its holder had just removed: take the new one
+  }
+  const std::string pid = std::to_string(getpid()) + "\n";
+  if (ftruncate(fd_, 0) != 0 || pwrite(fd_, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size()))
+    std::fprintf(stderr, "varkel-sim: cannot write %s: %s\n", path_.c_str(), std::strerror(errno));
+}
+
+SegmentLock::~SegmentLock()
+{
+  unlink(path_.c_str()); // while still held: the next holder locks a file of its own
+  close(fd_);
+}
+
+SharedSegment::SharedSegment(std::string name) : name_(std::move(name)), lock_(name_)
 {
   const int fd = shm_open(name_.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0666);
   if (fd < 0)

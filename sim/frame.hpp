@@ -18,8 +18,30 @@ inline constexpr std::size_t kSegmentBytes = 144u * kChipPixels * sizeof(int32_t
 // models that have none.
 std::string segment_name(varkel_detector_model_t model);
 
-// Creates (or takes over) the named segment, sized and zeroed, and maps it;
-// removes the name again on destruction.
+// A segment name of this process's own: "/varkel_sim_<pid>_<n>", n counting up.
+std::string own_segment_name();
+
+// Whether `name` is a segment name a handle takes: "/" and 1..199 more
+// characters, none of them "/".
+bool valid_segment_name(const std::string& name);
+
+// Held by the simulator that publishes under a segment name, for as long as it
+// lives: an advisory lock on "/dev/shm/NAME.lock", which holds the holder's
+// process id. Throws std::runtime_error naming that process when another holds it.
+class SegmentLock {
+public:
+  explicit SegmentLock(const std::string& name);
+  ~SegmentLock();
+  SegmentLock(const SegmentLock&) = delete;
+  SegmentLock& operator=(const SegmentLock&) = delete;
+
+private:
+  std::string path_;
+  int fd_ = -1;
+};
+
+// Creates (or takes over, when no living simulator holds it) the named segment,
+// sized and zeroed, and maps it; removes the name again on destruction.
 class SharedSegment {
 public:
   explicit SharedSegment(std::string name);
@@ -33,6 +55,7 @@ public:
 
 private:
   std::string name_;
+  SegmentLock lock_; // before the segment is touched, released after it is removed
   int32_t* data_ = nullptr;
 };
 

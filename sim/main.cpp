@@ -1,10 +1,13 @@
 // varkel-sim: a virtual detector for running and testing varkel without hardware.
 //
 //   varkel-sim [--model quad] [--port 5000] [--data-port 6000] [--latency-us N]
-//              [--missing-chip M:C]... [--bind 127.0.0.1] [--verbose]
+//              [--missing-chip M:C]... [--bind 127.0.0.1] [--shm-name /NAME] [--verbose]
 //
 // Module m's controller listens on port + m - 1 (port 0: ports of the system's
-// choosing, printed at start). Runs until interrupted.
+// choosing, printed at start). The sample frame goes to the shared-memory segment
+// --shm-name names (by default the library's name for the model with `simulate`
+// set); a second simulator on the same name refuses to start. Runs until
+// interrupted.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -12,6 +15,7 @@
 #include <cstring>
 #include <string>
 
+#include "frame.hpp"
 #include "simulator.hpp"
 
 namespace {
@@ -20,7 +24,7 @@ int usage()
 {
   std::fprintf(stderr, "usage: varkel-sim [--model kinlet|lite|trio|quad] [--port N] [--data-port N]\n"
                        "                  [--latency-us N] [--missing-chip MODULE:CHIP]... [--bind ADDRESS]\n"
-                       "                  [--verbose]\n");
+                       "                  [--shm-name /NAME] [--verbose]\n");
   return 2;
 }
 
@@ -64,6 +68,8 @@ int main(int argc, char** argv)
       if (std::sscanf(value, "%d:%d%n", &module, &chip, &used) != 2 || value[used] != '\0')
         return usage();
       options.missing.push_back({module, chip});
+    } else if (arg == "--shm-name" && valid_segment_name(value)) {
+      options.shm_name = value;
     } else if (arg == "--bind") {
       options.host = value;
     } else {

@@ -85,7 +85,7 @@ Simulator::Simulator(Options options) : options_(std::move(options))
   // Only once every port is taken: a simulator that cannot start leaves another's segment alone.
   if (options_.publish_frame) {
     std::lock_guard lock(world_->mutex);
-    world_->publish_frames();
+    world_->publish_frames(options_.shm_name);
   }
 }
 

@@ -22,7 +22,10 @@ struct Options {
   std::chrono::microseconds latency{0}; // added before every controller reply
   std::vector<MissingChip> missing;
   bool publish_frame = true; // create the model's shared-memory segment
-  bool verbose = false;      // print every command and reply on standard output
+  // Its name; empty: the library's name for the model (one such simulator per
+  // machine). own_segment_name() gives one of this process's own.
+  std::string shm_name;
+  bool verbose = false; // print every command and reply on standard output
 };
 
 // What a test may look at in one module's controller.

@@ -117,10 +117,10 @@ World::World(varkel_detector_model_t model_, const std::vector<MissingChip>& mis
   }
 }
 
-void World::publish_frames()
+void World::publish_frames(const std::string& name)
 {
   if (!segment_name(model).empty())
-    segment = std::make_unique<SharedSegment>(segment_name(model));
+    segment = std::make_unique<SharedSegment>(name.empty() ? segment_name(model) : name);
 }
 
 void World::start(int m, Clock::time_point now)

@@ -113,8 +113,9 @@ public:
 
   // The rest expects `mutex` to be held.
 
-  // Creates the model's shared-memory segment, if it has one; frames go there from now on.
-  void publish_frames();
+  // Creates the model's shared-memory segment, if it has one, under `name` (empty:
+  // the model's default name); frames go there from now on.
+  void publish_frames(const std::string& name);
 
   // Starts module `m` (index). A module whose trigger output drives the shutter
   // line starts every module waiting on an external trigger with it.

@@ -1,14 +1,19 @@
 // The typical use, end to end, against the simulator running in this process, and
-// around it: a missing chip and a link that stays down, a stop, saving. The
-// records' fields are packed: the assertions take copies of them (unary +).
+// around it: a missing chip and a link that stays down, a stop, saving, and a
+// simulator started apart beside it. The records' fields are packed: the
+// assertions take copies of them (unary +).
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <sys/time.h>
 #include <thread>
 #include <tuple>
+#include <unistd.h>
 
-#include "fake_data_server.hpp"
+#include "link.h"
+#include "process.hpp"
 #include "simulated_detector.hpp"
 #include "varkel.h"
 
@@ -16,23 +21,34 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace sim = varkel::sim;
+using varkel::testing::exit_status;
+using varkel::testing::spawn;
 
-// A library handle driving a simulator of the same model. The simulator's segment
-// has a machine-wide name: the lock comes first.
-struct Detector : varkel::testing::ShmNamesLock, varkel::testing::SimulatedDetector {
-  explicit Detector(const sim::Options& o, void (*between)(varkel_t*) = nullptr) : SimulatedDetector(o, between)
-  {
-    v->simulate = 1;
-  }
+// Module 1 leads, the others follow its shutter output.
+bool configure(varkel_t* v, float exposure, float period, int exposures)
+{
+  return set_acquireTime(v, exposure) == 0 && set_periodTime(v, period) == 0 &&
+         set_numberExposures(v, exposures) == 0 &&
+         define_master_module(v, 1, false, VARKEL_TRIGGER_MODE_EXTERNAL_POS_EDGE) == 0;
+}
 
-  // Module 1 leads, the others follow its shutter output.
-  bool configure(float exposure, float period, int exposures)
-  {
-    return set_acquireTime(v, exposure) == 0 && set_periodTime(v, period) == 0 &&
-           set_numberExposures(v, exposures) == 0 &&
-           define_master_module(v, 1, false, VARKEL_TRIGGER_MODE_EXTERNAL_POS_EDGE) == 0;
-  }
+// execute_acquire, status_acquire until done, the data server's status, the sample frame.
+bool acquire(varkel_t* v)
+{
+  bool ok = US_NumExposuresCounter_RBV(v) == 0 && execute_acquire(v) == 0;
+  for (auto end = std::chrono::steady_clock::now() + 20s; ok && status_acquire(v) != DONE_ACQ;
+       std::this_thread::sleep_for(1ms))
+    ok = std::chrono::steady_clock::now() < end;
+  ok = ok && US_NumExposuresCounter_RBV(v) == 0 && get_acqStatus_fromBackend(v) == 0;
+  get_array_data(v);
+  return ok;
+}
 
+// A library handle driving a simulator of the same model.
+struct Detector : varkel::testing::SimulatedDetector {
+  using SimulatedDetector::SimulatedDetector;
+
+  bool configure(float exposure, float period, int exposures) { return ::configure(v, exposure, period, exposures); }
   // The typical use from the acquisition parameters to the sample frame: true when
   // every step succeeds. Models without a frame segment cannot be prepared.
   bool run(int exposures)
@@ -40,17 +56,7 @@ struct Detector : varkel::testing::ShmNamesLock, varkel::testing::SimulatedDetec
     return configure(0.004f, 0.008f, exposures) && prepare_varkel(v) == (sim.segment_name().empty() ? -1 : 0) &&
            acquire();
   }
-  // execute_acquire, status_acquire until done, the data server's status, the sample frame.
-  bool acquire()
-  {
-    bool ok = US_NumExposuresCounter_RBV(v) == 0 && execute_acquire(v) == 0;
-    for (auto end = std::chrono::steady_clock::now() + 20s; ok && status_acquire(v) != DONE_ACQ;
-         std::this_thread::sleep_for(1ms))
-      ok = std::chrono::steady_clock::now() < end;
-    ok = ok && US_NumExposuresCounter_RBV(v) == 0 && get_acqStatus_fromBackend(v) == 0;
-    get_array_data(v);
-    return ok;
-  }
+  bool acquire() { return ::acquire(v); }
 };
 
 // Chip `index` of the frame is (module * 3 + board) * 12 + position.
@@ -89,7 +95,9 @@ INSTANTIATE_TEST_SUITE_P(Models, TypicalUse, ::testing::Values(kinlet, varkelLit
 // Module 2 lacks chip 30 (board 0, position 5); module 3's link never comes up.
 TEST(TypicalUseWithFaults, AMissingChipStaysDarkAndAModuleOffTheLinkDeliversNothing)
 {
-  Detector d({.model = varkelQuad, .missing = {{2, 30}}}, [](varkel_t* v) { v->init_args.qpn[2] += 1; });
+  sim::Options o = varkel::testing::options_for(varkelQuad);
+  o.missing = {{2, 30}};
+  Detector d(o, [](varkel_t* v) { v->init_args.qpn[2] += 1; });
   ASSERT_EQ(d.connected, 0);
 
   const uint64_t taken = d.sim.module(3).exposures_taken;
@@ -143,6 +151,88 @@ TEST(Controls, TheDataServerCountsWhatWasSaved)
   uint64_t saved = 0;
   ASSERT_EQ(get_saveStatus_fromBackend(d.v, &saved), 0);
   EXPECT_EQ(std::tuple(saved, +d.v->saveargs.done, +d.v->saveargs.savedFrameNum), std::tuple(1u, +DONE, 3u));
+}
+
+// varkel-sim started apart, as a user would, what it prints read until it is
+// ready or ends.
+struct SimProcess {
+  explicit SimProcess(std::vector<std::string> args)
+  {
+    args.insert(args.begin(), VARKEL_SIM);
+    int out[2];
+    if (pipe2(out, O_CLOEXEC) != 0)
+      return;
+    pid = spawn(args, out[1]);
+    close(out[1]);
+    FILE* in = fdopen(out[0], "r");
+    unsigned port = 0;
+    for (char line[256]; output.find("\nready") == std::string::npos && std::fgets(line, sizeof line, in);) {
+      output += line;
+      if (std::sscanf(line, " module %*d controller on %*[^:]:%u", &port) == 1)
+        module_ports.push_back(static_cast<uint16_t>(port));
+      if (std::sscanf(line, " data server on %*[^:]:%u", &port) == 1)
+        data_port = static_cast<uint16_t>(port);
+    }
+    std::fclose(in); // what it prints later goes nowhere
+  }
+  ~SimProcess()
+  {
+    if (pid > 0 && kill(pid, SIGTERM) == 0)
+      exit_status(pid);
+  }
+  pid_t pid = -1;
+  std::string output;
+  std::vector<uint16_t> module_ports;
+  uint16_t data_port = 0;
+};
+
+// Two simulators, each with a segment of its own, acquire at once: one started
+// apart and driven from another process (the library times one acquisition per
+// process), found by its identity alone, and one in this process. A third on the
+// first one's segment refuses to start.
+TEST(Isolation, TwoSimulatorsSideBySideEachDeliverTheirOwnFrame)
+{
+  const std::string name = sim::own_segment_name();
+  const SimProcess apart({"--port", "0", "--data-port", "0", "--shm-name", name, "--missing-chip", "1:1"});
+  ASSERT_EQ(apart.module_ports.size(), 4u) << apart.output;
+  const SimProcess third({"--port", "0", "--data-port", "0", "--shm-name", name});
+  EXPECT_EQ(exit_status(third.pid), 1);
+  EXPECT_EQ(third.output, "varkel-sim: segment " + name + " is in use by another simulator (pid " +
+                              std::to_string(apart.pid) + ")\n");
+
+  std::string ports = "VARKEL_APART=" + std::to_string(apart.data_port);
+  for (uint16_t p : apart.module_ports)
+    ports += " " + std::to_string(p);
+  const pid_t driver = spawn({"/proc/self/exe", "--gtest_filter=Isolation.DriveTheSimulatorApart"}, -1, {ports});
+  Detector d(varkel::testing::options_for(varkelQuad));
+  ASSERT_TRUE(d.connected == 0 && d.configure(0.004f, 0.008f, 50) && prepare_varkel(d.v) == 0 && d.acquire());
+  const auto frame = d.sim.frame();
+  EXPECT_EQ(std::memcmp(d.v->sample_frame, frame.data(), frame.size_bytes()), 0);
+  EXPECT_GT(chip_sum(frame, 24), 0);
+  EXPECT_EQ(exit_status(driver), 0) << "the typical use on the simulator apart failed";
+}
+
+// The other process of the test above: the typical use on the simulator apart,
+// whose ports VARKEL_APART gives ("DATA M1 M2 M3 M4"); its frame is that
+// simulator's (chip 1 of module 1 dark).
+TEST(Isolation, DriveTheSimulatorApart)
+{
+  const char* given = std::getenv("VARKEL_APART");
+  if (given == nullptr)
+    GTEST_SKIP() << "run by TwoSimulatorsSideBySideEachDeliverTheirOwnFrame";
+  unsigned data = 0, m[4] = {};
+  ASSERT_EQ(std::sscanf(given, "%u %u %u %u %u", &data, &m[0], &m[1], &m[2], &m[3]), 5);
+  const uint16_t ports[4] = {static_cast<uint16_t>(m[0]), static_cast<uint16_t>(m[1]), static_cast<uint16_t>(m[2]),
+                             static_cast<uint16_t>(m[3])};
+  const char* hosts[4] = {"127.0.0.1", "127.0.0.1", "127.0.0.1", "127.0.0.1"};
+  varkel_t* v = varkel_new(varkelQuad);
+  ASSERT_EQ(varkel_connect_backend(v, "127.0.0.1", static_cast<uint16_t>(data)) | varkel_connect(v, hosts, ports), 0);
+  EXPECT_EQ(varkel_identify(v, nullptr, 0), 1);
+  ASSERT_TRUE(configure(v, 0.004f, 0.008f, 50) && prepare_varkel(v) == 0 && acquire(v));
+  const std::span<const int32_t> frame(v->sample_frame, v->frame_size);
+  EXPECT_EQ(chip_sum(frame, 24), 0);
+  EXPECT_GT(chip_sum(frame, 25), 0);
+  varkel_delete(v);
 }
 
 } // namespace

@@ -15,12 +15,12 @@
 #include "ethernet.h"
 #include "fake_detector.hpp"
 #include "internal/query.hpp"
+#include "link.h"
 #include "process.hpp" // the exit guard
 #include "utils.h"
 
 using namespace std::chrono_literals;
 using namespace varkel::testing;
-using varkel::detail::query_expect;
 using varkel::detail::query_status;
 
 namespace {
@@ -41,10 +41,8 @@ protected:
   varkel_t* v = det.handle();
 };
 
-// A query leaves the receive time-out alone (the 600 s of the connection).
 TEST_F(Channel, RequestBytesGoOutOnTheChosenSocketOnly)
 {
-  ASSERT_EQ(set_timeout(v->fd[1], 300000000), 0);
   char result[1024];
   ASSERT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE2, result, CMD_TRANSPORT_ROCE, 12u, "4660"), 0);
   ASSERT_EQ(query_and_cache(v, result, CMD_CONFIGURE_ROCE), 0);
@@ -58,7 +56,37 @@ TEST_F(Channel, RequestBytesGoOutOnTheChosenSocketOnly)
   EXPECT_EQ(main[0].raw, kHead + R"([[]],"jsonrpc":"2.0","method":"ConfigureTransport"})");
   EXPECT_EQ(main[1].command(), "HS_SensorBias_Command 1 0 12.500000");
   EXPECT_EQ(det.module(1).request_count() + det.module(3).request_count(), 0u);
-  EXPECT_EQ(receive_timeout_us(v->fd[1]), 300000000);
+}
+
+// After each query's drain the channel's receive time-out is the handle's reply
+// bound: 600 s by default, whatever was set on a socket of the library's (module
+// 2) or on one the caller attached by hand (module 3); a bound set by
+// varkel_set_timeouts then fails a silent controller's query within it.
+TEST_F(Channel, QueryLeavesTheHandlesReplyTimeOut)
+{
+  safe_close(v->fd[2]);
+  v->fd[2] = connect_loopback(det.module(3).port());
+  const timeval none{}, five_minutes{300, 0};
+  ASSERT_EQ(setsockopt(v->fd[2], SOL_SOCKET, SO_RCVTIMEO, &five_minutes, sizeof five_minutes), 0);
+  ASSERT_EQ(set_timeout(v->fd[1], 300000000), 0);
+  char result[1024];
+  for (const varkel_thread_t m : {VARKEL_THREAD_MODULE2, VARKEL_THREAD_MODULE3}) {
+    ASSERT_EQ(query_and_cache(v, m, result, CMD_CONFIGURE_ROCE), 0);
+    EXPECT_EQ(receive_timeout_us(v->fd[m]), 600000000);
+  }
+
+  ASSERT_EQ(varkel_set_timeouts(v, 1, 0.2), 0);
+  ASSERT_EQ(setsockopt(v->fd[2], SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none), 0);
+  det.module(3).set_handler([](const Request&) {
+    Reply r = Reply::result("");
+    r.action = Reply::Action::silence;
+    return r;
+  });
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE3, result, CMD_CONFIGURE_ROCE), -1);
+  const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_GT(took, 0.15);
+  EXPECT_LT(took, 1.0);
 }
 
 TEST_F(Channel, PrintsEachRequestAndReplyWithItsChannel)
@@ -91,14 +119,6 @@ TEST_F(Channel, FailuresReturnTheirCodesAndLeaveTheResult)
   EXPECT_EQ(query_and_cache(fresh, result, "%s", "A"), ENOTCONN);
   varkel_delete(fresh);
   EXPECT_EQ(query_and_cache(v, static_cast<varkel_thread_t>(9), result, "%s", "A"), ENOTCONN);
-}
-
-// The scan and status shapes run under every operation of the acquisition tests.
-TEST_F(Channel, ExpectShapeReturnsItsCodeOnAnotherText)
-{
-  script({Reply::result("expected"), Reply::result("other")});
-  EXPECT_EQ(query_expect(v, VARKEL_THREAD_MODULE1, "expected", -3, CMD_CONFIGURE_ROCE), 0);
-  EXPECT_EQ(query_expect(v, VARKEL_THREAD_MODULE1, "expected", -3, CMD_CONFIGURE_ROCE), -3);
 }
 
 TEST_F(Channel, ParallelFanOutRunsOneWorkerPerModuleAndOrsResults)

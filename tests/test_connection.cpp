@@ -9,7 +9,9 @@
 
 #include "fake_detector.hpp"
 #include "internal/query.hpp"
+#include "link.h"
 #include "process.hpp"
+#include "refusal.h"
 
 using namespace varkel::testing;
 using Commands = std::vector<std::string>;
@@ -218,4 +220,53 @@ TEST_F(Modules, EfuseWorkersOfEveryModuleStoreTheFirstSevenCharacters)
   det.module(1).set_handler([](const Request&) { return Reply::result(""); });
   EXPECT_EQ(US_efuseID_RBV(v, VARKEL_THREAD_MODULE1), 0);
   EXPECT_EQ(std::string(v->varkelParam.efuseID).substr(3), "ABCD");
+}
+
+// The identity request goes to module 1 alone, and only varkel-sim's answer makes
+// the handle a simulator's, its frame mapped from the segment the answer names.
+TEST_F(Modules, IdentifyTellsTheSimulatorFromAController)
+{
+  const struct {
+    Reply reply;
+    int rc;
+    const char* identity;
+    uint64_t refusals;
+    int simulate; // after the call: a failed query changes nothing
+  } cases[] = {
+      {Reply::error("Method not found: varkel_Identity"), 0, "", 1, 0},
+      {Reply::result("controller firmware 2.1"), 0, "controller firmware 2.1", 0, 0},
+      {Reply::result("varkel-sim 0.1.0 model=quad module=1 segment=/varkel_own"), 1,
+       "varkel-sim 0.1.0 model=quad module=1 segment=/varkel_own", 0, 1},
+      {Reply::close(), 0, "", 1, 1}, // noted as closed: no identity
+  };
+  for (const auto& c : cases) {
+    det.module(1).set_handler([&](const Request&) { return c.reply; });
+    det.clear();
+    const uint64_t failures = varkel_failure_count(v);
+    char identity[128] = "stale";
+    EXPECT_EQ(varkel_identify(v, identity, sizeof identity), c.rc) << c.identity;
+    EXPECT_STREQ(identity, c.identity);
+    EXPECT_EQ(v->simulate, c.simulate);
+    EXPECT_EQ(varkel_failure_count(v) - failures, c.refusals) << c.identity;
+    EXPECT_EQ(det.all_commands(), Commands{"1:varkel_Identity"});
+    EXPECT_EQ(v->varkel_module, 4); // the main channel stays where the connect left it
+  }
+  testing::internal::CaptureStdout();
+  init_array_data(v);
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("/dev/shm/varkel_own shared memory file not found"),
+            std::string::npos);
+}
+
+TEST(FrameSegment, OnlyNamesOfOneFileUnderDevShmAreTaken)
+{
+  varkel_t* v = varkel_new(varkelQuad);
+  const std::string longest = "/" + std::string(199, 'a'), too_long = longest + "a";
+  const struct {
+    const char* name;
+    int rc;
+  } cases[] = {{"/own", 0},  {longest.c_str(), 0}, {nullptr, 0},          {"", 0}, {"own", -3}, {"/", -3},
+               {"/a/b", -3}, {"//", -3},           {too_long.c_str(), -3}};
+  for (const auto& c : cases)
+    EXPECT_EQ(varkel_set_frame_segment(v, c.name), c.rc) << (c.name ? c.name : "NULL");
+  varkel_delete(v);
 }

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <regex>
@@ -10,9 +11,6 @@
 #include <string>
 
 namespace {
-
-const char* const kHeaders[] = {"varkel.h",   "ethernet.h", "utils.h",   "decode.h",  "settings.h",
-                                "snapshot.h", "link.h",     "refusal.h", "workflow.h"};
 
 // Names declared with the export macro, and file-scope function declarations
 // without it ("header: name").
@@ -23,13 +21,15 @@ std::pair<std::set<std::string>, std::set<std::string>> declarations()
   const std::regex data(R"(VARKEL_API\s+extern[^;(]*?\b(\w+)(\s*\[\d*\])?\s*;)");
   const std::regex bare(
       R"(^(?!VARKEL_API|static|inline|typedef|template|struct|enum|namespace|#|//)[A-Za-z_][\w\s\*&:<>,]*?\b(\w+)\s*\()");
-  for (const char* header : kHeaders) {
-    std::ifstream in(std::string(VARKEL_INCLUDE_DIR) + "/" + header);
+  // Every public header, so that a new one cannot be left out.
+  for (const auto& entry : std::filesystem::directory_iterator(VARKEL_INCLUDE_DIR)) {
+    const std::string header = entry.path().filename();
+    std::ifstream in(entry.path());
     std::string text;
     for (std::string line; std::getline(in, line); text += line + "\n") {
       std::smatch m;
       if (std::regex_search(line, m, bare))
-        unexported.insert(std::string(header) + ": " + m[1].str());
+        unexported.insert(header + ": " + m[1].str());
     }
     // Declarations may span lines; the macro definition itself is not one.
     text = std::regex_replace(text, std::regex(R"(#define VARKEL_API.*)"), "");

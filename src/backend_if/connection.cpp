@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <string>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,9 +15,9 @@
 #include "ethernet.h"
 #include "internal/backend.hpp"
 #include "internal/backend_records.hpp"
-#include "internal/channel.hpp"
 #include "internal/descriptor.hpp"
 #include "internal/handle.hpp"
+#include "internal/tcp.hpp"
 #include "utils.h"
 
 namespace varkel::detail {
@@ -35,6 +36,32 @@ void print_line(const char* text)
 std::size_t frame_bytes(const varkel_t* v)
 {
   return std::min<std::size_t>(std::size_t{v->frame_size} * 4, kFrameBufferSize);
+}
+
+// The shared-memory segment a handle maps its sample frame from, with its messages.
+struct SegmentPlace {
+  std::string file;           // under /dev/shm
+  std::string name;           // for shm_open
+  std::string missing_text;   // printed when `file` does not exist
+  std::string open_fail_text; // printed when the open fails
+};
+
+// The segment varkel_set_frame_segment named, else the library's one for the
+// model (its "_sim" twin when `simulate` is 1); false for models that have none.
+bool segment_place(varkel_t* v, SegmentPlace& out)
+{
+  const char* own = extras(v).frame_segment;
+  if (own[0] != '\0') {
+    const std::string file = std::string("/dev/shm") + own;
+    out = {file, own, file + " shared memory file not found",
+           "Cannot open shared memory file " + file + " for array data."};
+    return true;
+  }
+  const FrameSegment* segment = frame_segment(v->detModel, v->simulate);
+  if (segment == nullptr)
+    return false;
+  out = {segment->file, segment->name, segment->missing_text, segment->open_fail_text};
+  return true;
 }
 
 } // namespace
@@ -140,27 +167,27 @@ void print_gid(unsigned char* gid, const char* id)
 uint8_t* create_shared_memory(varkel_t* varkel)
 {
   assert(varkel != NULL);
-  const FrameSegment* segment = frame_segment(varkel->detModel, varkel->simulate);
-  if (segment == nullptr) {
+  SegmentPlace segment;
+  if (!segment_place(varkel, segment)) {
     printf("Detector model %d has no shared memory file for array data.\n", static_cast<int>(varkel->detModel));
     errno = ENODEV;
     return nullptr;
   }
-  if (access(segment->file, F_OK) != 0) {
-    print_line(segment->missing_text);
+  if (access(segment.file.c_str(), F_OK) != 0) {
+    print_line(segment.missing_text.c_str());
     return nullptr;
   }
   // Closed on every way out; the mapping outlives it.
-  const Descriptor fd(shm_open(segment->name, O_RDWR, 0777));
+  const Descriptor fd(shm_open(segment.name.c_str(), O_RDWR, 0777));
   if (fd.get() < 0) {
-    print_line(segment->open_fail_text);
+    print_line(segment.open_fail_text.c_str());
     return nullptr;
   }
   // The segment must hold at least the frame this handle copies out of it.
   struct stat st {};
   const std::size_t bytes = frame_bytes(varkel);
   if (fstat(fd.get(), &st) != 0 || st.st_size < static_cast<off_t>(bytes)) {
-    printf("Shared memory file %s is smaller than one frame (%zu bytes).\n", segment->file, bytes);
+    printf("Shared memory file %s is smaller than one frame (%zu bytes).\n", segment.file.c_str(), bytes);
     errno = EINVAL;
     return nullptr;
   }
@@ -195,10 +222,11 @@ int get_array_data(varkel_t* varkel)
   // Read through the segment's descriptor, not the mapping: pages the data server
   // cuts off by shrinking the segment fault (SIGBUS) when touched through the
   // mapping, while a read just ends early.
-  const FrameSegment* segment = frame_segment(varkel->detModel, varkel->simulate);
-  const Descriptor fd(segment != nullptr ? shm_open(segment->name, O_RDONLY | O_CLOEXEC, 0) : -1);
+  SegmentPlace segment;
+  const bool has_segment = segment_place(varkel, segment);
+  const Descriptor fd(has_segment ? shm_open(segment.name.c_str(), O_RDONLY | O_CLOEXEC, 0) : -1);
   if (fd.get() < 0)
-    return segment != nullptr ? errno : ENODATA;
+    return has_segment ? errno : ENODATA;
   auto* out = reinterpret_cast<char*>(varkel->sample_frame);
   const std::size_t bytes = frame_bytes(varkel);
   for (std::size_t got = 0; got < bytes;) {

@@ -16,6 +16,7 @@
 #include "internal/channel.hpp"
 #include "internal/handle.hpp"
 #include "internal/protocol.hpp"
+#include "internal/tcp.hpp"
 #include "utils.h"
 
 namespace varkel::detail {
@@ -240,9 +241,10 @@ int vquery(varkel_t* varkel, char* result, uint64_t result_size, const char* cmd
   const int fd = channel_socket(varkel, owner);
   if (fd < 0)
     return ENOTCONN;
-  // The receive time-out stays as the connection set it (600 s): setting it again
-  // on every query would cost a system call for nothing.
+  // After the drain the receive time-out is the handle's reply bound (600 s unless
+  // varkel_set_timeouts set one): a caller who attached a socket relies on that.
   discard_waiting(fd);
+  ensure_timeout(fd, reply_timeout_us(extras(varkel)));
   if (int rc = vcommand(varkel, cmd_format, args, owner); rc != 0)
     return rc;
   return receive(varkel, result, result_size, owner);

@@ -1,9 +1,11 @@
 #include <arpa/inet.h>
+#include <atomic>
 #include <cassert>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,7 +13,7 @@
 #include <unistd.h>
 
 #include "ethernet.h"
-#include "internal/channel.hpp"
+#include "internal/tcp.hpp"
 
 int get_address(const char* host, uint16_t port, struct sockaddr_in* addr)
 {
@@ -38,18 +40,51 @@ int get_address(const char* host, uint16_t port, struct sockaddr_in* addr)
   return 0;
 }
 
-int set_timeout(int socket, uint64_t timeout_us)
+namespace {
+
+// The receive time-out ensure_timeout set last on each descriptor, plus one (0:
+// not known). Any other setting through the library, and the library's close,
+// forget it; numbers beyond the table are never known.
+std::atomic<uint64_t> known_timeouts[1024];
+
+std::atomic<uint64_t>* known_timeout(int fd)
+{
+  return fd >= 0 && static_cast<std::size_t>(fd) < std::size(known_timeouts) ? &known_timeouts[fd] : nullptr;
+}
+
+void remember_timeout(int fd, uint64_t timeout_us_plus_one)
+{
+  if (auto* known = known_timeout(fd))
+    known->store(timeout_us_plus_one, std::memory_order_relaxed);
+}
+
+int apply_timeout(int socket, uint64_t timeout_us)
 {
   assert(socket != -1);
   timeval tv{};
   tv.tv_sec = static_cast<time_t>(timeout_us / 1000000);
   tv.tv_usec = static_cast<suseconds_t>(timeout_us % 1000000);
-  if (setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0)
-    return errno;
-  return 0;
+  return setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0 ? errno : 0;
+}
+
+} // namespace
+
+int set_timeout(int socket, uint64_t timeout_us)
+{
+  const int rc = apply_timeout(socket, timeout_us);
+  remember_timeout(socket, 0);
+  return rc;
 }
 
 namespace varkel::detail {
+
+void ensure_timeout(int socket, uint64_t timeout_us)
+{
+  const auto* known = known_timeout(socket);
+  if (known != nullptr && known->load(std::memory_order_relaxed) == timeout_us + 1)
+    return;
+  remember_timeout(socket, apply_timeout(socket, timeout_us) == 0 ? timeout_us + 1 : 0);
+}
 
 void discard_waiting(int socket)
 {
@@ -82,6 +117,7 @@ int set_address(int socket, const struct sockaddr_in* addr)
 
 void safe_close(int fd)
 {
+  remember_timeout(fd, 0);
   for (int attempt = 0; attempt < 10; ++attempt) {
     if (close(fd) == 0 || errno == EBADF)
       return;

@@ -26,12 +26,16 @@ constexpr bool chip_on_model(int chip, int boards, int positions)
 {
   return chip >= 1 && chip <= kChipsPerModule && place_of(chip).board < boards && place_of(chip).position < positions;
 }
-inline bool chip_on_model(const varkel_t* v, int chip) { return chip_on_model(chip, v->max_num_boards, v->max_num_chips); }
+inline bool chip_on_model(const varkel_t* v, int chip)
+{
+  return chip_on_model(chip, v->max_num_boards, v->max_num_chips);
+}
 
 // Whether module `module` (1-based) has chip number `chip` and it is not switched off.
 inline bool chip_working(const varkel_t* v, int module, int chip)
 {
-  return module >= 1 && module <= v->max_num_modules && chip_on_model(v, chip) && !v->sensor_disabled[module - 1][chip - 1];
+  return module >= 1 && module <= v->max_num_modules && chip_on_model(v, chip) &&
+         !v->sensor_disabled[module - 1][chip - 1];
 }
 
 // Calls step(chip number) for every chip on the model, in ascending chip number.

@@ -22,6 +22,9 @@ struct HandleExtras {
   std::mutex failure_mutex;           // guards `failure`: module workers note theirs at once
   varkel_failure_t failure{};         // the last one noted
   std::atomic<bool> acquiring{false}; // an acquisition started by varkel_acquire runs
+  // Longest name varkel_set_frame_segment takes, "/" included: well within NAME_MAX.
+  static constexpr std::size_t kSegmentNameMax = 200;
+  char frame_segment[kSegmentNameMax + 1] = {}; // "": the library's name for the model
 };
 
 // Records a failure of our layer on the handle (module 1-based or 0, chip number

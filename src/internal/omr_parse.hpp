@@ -25,7 +25,5 @@ int read_omr_field(varkel_t* v, varkel_thread_t owner, varkel_omr_t number, int*
 // Writes one field of the selected chip: the family's setter, or set_omr for a
 // field outside the family. Returns their code.
 int write_omr_field(varkel_t* v, varkel_omr_t number, int value);
-// Whether set_omr may write `number`, and so write it on every chip at once.
-bool omr_all_chips_writable(varkel_omr_t number);
 
 } // namespace varkel::detail

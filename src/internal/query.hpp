@@ -43,17 +43,6 @@ int query_scan(varkel_t* v, varkel_thread_t owner, const char* scan, Store&& sto
   return 0;
 }
 
-// Send, compare the result text with `expected`. Returns the query code, or
-// `mismatch` when the text differs.
-template <typename... Args>
-int query_expect(varkel_t* v, varkel_thread_t owner, const char* expected, int mismatch, const char* cmd, Args... args)
-{
-  char reply[kReplySize];
-  if (int rc = query_and_cache(v, owner, reply, cmd, args...); rc != 0)
-    return rc;
-  return std::strcmp(reply, expected) == 0 ? 0 : mismatch;
-}
-
 // The set form of a set/read-back template on the main channel: -3 when the
 // value was refused (nothing sent), else the query code.
 template <typename... Args> int write_checked(varkel_t* v, bool valid, const char* cmd, Args... args)

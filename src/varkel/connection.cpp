@@ -15,8 +15,8 @@
 #include "internal/descriptor.hpp"
 #include "internal/handle.hpp"
 #include "internal/query.hpp"
+#include "internal/tcp.hpp"
 #include "link.h"
-#include "settings.h"
 
 using namespace varkel::detail;
 

@@ -141,11 +141,6 @@ int varkel::detail::write_omr_field(varkel_t* v, varkel_omr_t number, int value)
                                  : set_omr(v, number, value, VARKEL_SEND_ONE_CHIP_ONE_MODULE);
 }
 
-bool varkel::detail::omr_all_chips_writable(varkel_omr_t number)
-{
-  return number >= 0 && number < kOmrFields && kWritable[number] != nullptr;
-}
-
 int validate_omr(int omr, int v)
 {
   if (!validate_omr_field(omr))

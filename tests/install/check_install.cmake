@@ -1,6 +1,8 @@
 # Installs the build tree BUILD to a temporary prefix and builds the README's
 # example against it twice: a CMake project with find_package(varkel), and one
-# compiler line with pkg-config. The prefix is removed afterwards.
+# compiler line with pkg-config. The installed command line runs on its own
+# runtime path, and the installed Python package (when PYTHON_DIR is given)
+# imports from where it landed. The prefix is removed afterwards.
 set(prefix ${WORK}/prefix)
 file(REMOVE_RECURSE ${WORK})
 file(MAKE_DIRECTORY ${WORK})
@@ -35,5 +37,12 @@ if(NOT rc EQUAL 0)
 endif()
 separate_arguments(flags UNIX_COMMAND "${flags}")
 run(${CXX} -std=c++20 ${WORK}/example.cpp ${flags} -o ${WORK}/example-pkg-config)
+
+set(ENV{LD_LIBRARY_PATH} "")
+run(${prefix}/bin/varkel --sim kinlet get exposure)
+if(PYTHON_DIR)
+  set(ENV{PYTHONPATH} ${prefix}/${PYTHON_DIR})
+  run(${PYTHON} -c "import sys, varkel; sys.exit(not varkel.__file__.startswith(sys.argv[1]))" ${prefix})
+endif()
 
 file(REMOVE_RECURSE ${WORK})

@@ -1,6 +1,6 @@
 // What a test checks of its own process: that it does not end inside a test
 // (some replies make the library end it with status 0, which would pass
-// silently), and how many descriptors it holds.
+// silently), and how many descriptors it holds; and other processes it starts.
 #pragma once
 
 #include <cstdio>
@@ -8,8 +8,12 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <spawn.h>
+#include <string>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 #include "varkel.h"
 
@@ -61,6 +65,40 @@ inline long long receive_timeout_us(int fd)
   timeval tv{};
   socklen_t len = sizeof tv;
   return getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len) == 0 ? tv.tv_sec * 1000000LL + tv.tv_usec : -1;
+}
+
+// Starts `args` (the program first) with `env` added to the environment, its
+// stdout and stderr into `out` unless that is -1. Returns its process id, -1 when
+// it cannot.
+inline pid_t spawn(std::vector<std::string> args, int out, std::vector<std::string> env = {})
+{
+  std::vector<char*> argv, envp;
+  for (std::string& a : args)
+    argv.push_back(a.data());
+  for (std::string& e : env)
+    envp.push_back(e.data());
+  for (char** e = environ; *e != nullptr; ++e)
+    envp.push_back(*e);
+  argv.push_back(nullptr);
+  envp.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (out >= 0) {
+    posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, out, STDERR_FILENO);
+  }
+  pid_t pid = -1;
+  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0)
+    pid = -1;
+  posix_spawn_file_actions_destroy(&actions);
+  return pid;
+}
+
+// The exit status of process `pid` once it has ended; -1 when it did not exit.
+inline int exit_status(pid_t pid)
+{
+  int status = 0;
+  return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 } // namespace varkel::testing
