@@ -17,7 +17,6 @@
 #include <variant>
 
 #include "fake_controller.hpp"
-#include "fake_data_server.hpp"
 #include "files.hpp"
 #include "refusal.h"
 #include "simulated_detector.hpp"
@@ -224,7 +223,6 @@ TEST(CommandLine, RefusingAndSilentControllersAreNamedWithTheirCommand)
 
 TEST(CommandLine, AcquireWithPictureAndInterruptedBySignals)
 {
-  const varkel::testing::ShmNamesLock lock; // --sim quad publishes the frame under the machine-wide names
   auto r = varkel("--sim quad --json init");
   ASSERT_EQ(r->integer({"modules"}), 4) << r->err;
 

@@ -189,14 +189,18 @@ bool Detector::open(Reach reach, bool frame, Output& out)
   if (!options_.sim.empty() && !start_simulator(frame, out))
     return false;
   varkel_t* v = handle_.get();
-  // The simulator publishes its frame under the simulation names.
-  v->simulate = !options_.sim.empty() || options_.simulated;
   if (const int rc = varkel_set_timeouts(v, options_.timeout, options_.timeout); rc != 0) {
     out.fail(0, 0, rc, coded("time-outs", rc));
     return false;
   }
   if (!(reach == Reach::modules ? attach(out) : connect_all(out)))
     return false;
+  // A simulator, this process's or one started by hand, says so and names the
+  // segment of its frame; a real controller refuses the question.
+  if (const int rc = tools::recognise_simulator(v); rc != 0 && rc != 1) {
+    out.fail(1, 0, rc, coded("asking who the controller is", rc));
+    return false;
+  }
   // Chips that read no efuse identifier are switched off in the handle, so that
   // every command passes them by; the check's own lines go to the log.
   return run(out, 0, 0, "presence check", [&] { return check_and_disable_sensors(v); });

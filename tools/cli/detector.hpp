@@ -24,7 +24,6 @@ struct Options {
   std::string data_server;
   std::vector<std::string> missing; // simulator chips that do not answer, MODULE:CHIP
   double timeout = 5;               // seconds to connect and to wait for one reply
-  bool simulated = false;           // the addresses are a varkel-sim: its sample frame has the simulation names
   bool json = false;
   std::string log = "/dev/null";
 };

@@ -38,7 +38,6 @@ void shared_options(CLI::App& app, Options& o)
   app.add_option("--module", o.modules, "HOST:PORT of a module's controller, once per module, module 1 first");
   app.add_option("--data-server", o.data_server, "HOST:PORT of the data server (init and acquire)");
   app.add_option("--model", o.model, "model at the addresses (default: quad for four modules, trio for one)");
-  app.add_flag("--simulated", o.simulated, "the addresses are a varkel-sim: read its sample frame");
   app.add_option("--missing-chip", o.missing, "with --sim: MODULE:CHIP that does not answer (repeatable)");
   app.add_option("--timeout", o.timeout, "seconds to connect and to wait for each reply")->capture_default_str();
   app.add_flag("--json", o.json, "one JSON object on standard output");
