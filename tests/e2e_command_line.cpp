@@ -227,9 +227,9 @@ TEST(CommandLine, AcquireWithPictureAndInterruptedBySignals)
   ASSERT_EQ(r->integer({"modules"}), 4) << r->err;
 
   const TempFile png("cli-frame");
-  r = varkel("--sim quad --json acquire --exposures 3 --exposure 0.01 --period 0.02 --png " + png.path);
+  r = varkel("--sim quad --json acquire --exposures 3 --exposure 0.01 --period 0.02 --lead 1 --png " + png.path);
   ASSERT_EQ(r->status, 0) << r->err;
-  EXPECT_EQ(r->integer({"taken"}), 3);
+  EXPECT_EQ(std::pair(r->integer({"taken"}), r->integer({"frames"})), std::pair(3, 12)) << "module 1 leads all four";
   EXPECT_EQ(r->integer({"png", "width"}), 789);
   EXPECT_EQ(png.text().substr(1, 3), "PNG");
 

@@ -134,7 +134,9 @@ void setup_acquire(Commands& c)
   cmd->add_option("--exposure", q->given.exposure, "seconds per exposure")->check(CLI::PositiveNumber);
   cmd->add_option("--period", q->given.period, "seconds from one exposure to the next")->check(CLI::NonNegativeNumber);
   cmd->add_option("--exposures", q->given.exposures, "number of exposures")->check(CLI::Range(1, INT_MAX));
-  cmd->add_option("--lead", q->given.lead_module, "module whose shutter output starts the others")
+  cmd->add_option("--lead", q->given.lead_module,
+                  "module whose shutter output starts the others (default: the triggers stay as they are; a module "
+                  "waiting for a trigger no one gives takes no exposures)")
       ->check(CLI::Range(1, 4));
   cmd->add_option("--png", q->png, "write the sample frame as a PNG");
   c.on(cmd, [q](Detector& d, Output& out) { run_acquire(d, out, *q); });
