@@ -114,8 +114,9 @@ void run_acquire(Detector& d, Output& out, const Request& q)
   summarize(out, result, progress);
   const char* stopped = result.stopped ? "the detector was stopped" : "the detector was not told to stop";
   if (rc == ECANCELED && g_signal != 0)
-    return out.interrupted(g_signal, format("interrupted after %d of %d exposures; %s", result.exposures_done,
-                                            progress.last.exposures, stopped));
+    return out.interrupted(g_signal,
+                           format("interrupted after %d of %d exposures; %s", result.exposures_done,
+                                  q.given.exposures > 0 ? q.given.exposures : progress.last.exposures, stopped));
   if (!d.verdict(out, 0, 0, result.stopped ? format("acquire (%s)", stopped) : "acquire", rc, before))
     return;
   out.text("%d exposure(s) in %.2f s; %llu frame(s) counted by the data server\n", result.exposures_done,
