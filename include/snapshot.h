@@ -8,11 +8,11 @@
 //   [module1]   exposure=...  period=...  ...  bias.board0=15.5 (one per board)
 //   [module1/chip7]  disabled=0  efuse-id=1a2b3c  gain=high  ...  dac.GND=132
 // Values are written as varkel_setting_format writes them; the names are the
-// writable ones of <varkel/settings.h>, bias board by board, plus the chip's
-// "efuse-id" (hexadecimal) and "disabled" (switched off in the handle or without
-// an efuse identifier; such a chip keeps no other value). These two are compared
-// but never written to a detector. A file may leave values out: they are left
-// as they are.
+// writable ones of <varkel/settings.h>, bias board by board (one per board of the
+// model), plus the chip's "efuse-id" (hexadecimal) and "disabled" (1: switched
+// off in the handle, then sent nothing and kept with no other value; or without
+// an efuse identifier). These two are compared but never written to a detector.
+// A file may leave values out: they are left as they are.
 #pragma once
 
 #include <stddef.h>
@@ -50,9 +50,10 @@ typedef struct {
 // `report` (may be NULL) starts zero-initialised; each call frees the entries an
 // earlier call left in it.
 
-// Reads back every setting of every module and chip (one worker per module) and
-// writes the snapshot to `path`. Returns 0, the first failing read-back's code, or
-// the errno of writing the file.
+// Reads back every setting of every module and working chip (one worker per
+// module) and writes the snapshot to `path`. Returns 0, the first failing
+// read-back's code (VARKEL_REFUSED when the controller refused one; the message
+// names module and chip), or the errno of writing the file.
 VARKEL_API int varkel_snapshot_save(varkel_t* varkel, const char* path, varkel_snapshot_report_t* report);
 // Differences between the snapshot at `path` and the detector (other_path NULL),
 // or between two snapshots (varkel may then be NULL). Nothing is written. Returns
@@ -61,8 +62,12 @@ VARKEL_API int varkel_snapshot_diff(varkel_t* varkel, const char* path, const ch
                                     varkel_snapshot_report_t* report);
 // Checks the whole file first (model, version, syntax, ranges): a refused file
 // sends nothing. Then reads the detector back, writes each entry that differs
-// (with the chip selection it needs), reads back again and verifies. Returns 0,
-// VARKEL_SNAPSHOT_UNVERIFIED, a refusal code or the first failing command's code.
+// (with the chip selection it needs), reads back again and verifies: a value the
+// controller accepts but does not hold stays unverified. While varkel_acquire
+// runs, entries that would change the acquisition are not written (VARKEL_BUSY).
+// Returns 0, VARKEL_SNAPSHOT_UNVERIFIED, a file's refusal code, or the first
+// failing command's code (VARKEL_REFUSED for a write the controller refused; the
+// message names the setting, module, chip and the controller's words).
 VARKEL_API int varkel_snapshot_apply(varkel_t* varkel, const char* path, varkel_snapshot_report_t* report);
 // Frees the entries and clears the report, which stays reusable.
 VARKEL_API void varkel_snapshot_report_free(varkel_snapshot_report_t* report);

@@ -1,11 +1,14 @@
-// Configuration snapshots on the simulator: the round trip, what a refused file
-// sends (nothing), and how many commands an apply costs.
+// Configuration snapshots on the simulator, the Quad and a one-board model: the
+// round trip, what a refused file sends (nothing), how many commands an apply
+// costs, what it leaves alone while an acquisition runs; diffs of two files.
 #include <algorithm>
+#include <cmath>
 #include <gtest/gtest.h>
 #include <set>
 #include <tuple>
 
 #include "files.hpp"
+#include "internal/handle.hpp"
 #include "simulated_detector.hpp"
 #include "snapshot.h"
 
@@ -13,19 +16,26 @@ using namespace varkel::testing;
 
 namespace {
 
-struct Snapshots : ::testing::Test {
+// A model, its chip switched off (module, chip), and chips to change.
+struct Model {
+  varkel_detector_model_t model;
+  int module, off, chip, other_chip;
+  const char* name;
+};
+
+struct Snapshots : ::testing::TestWithParam<Model> {
   void SetUp() override
   {
     ASSERT_EQ(det.connected, 0);
-    det.v->sensor_disabled[1][29] = true; // as the presence check leaves it
+    det.v->sensor_disabled[m.module - 1][m.off - 1] = true; // as the presence check leaves it
   }
   void TearDown() override { varkel_snapshot_report_free(&report); }
   // Commands the simulator received, per module (index 1 to 4) and in all (index 0).
   std::vector<uint64_t> counts() const
   {
     std::vector<uint64_t> n(5);
-    for (int m = 1; m <= 4; ++m)
-      n[0] += n[m] = det.sim.commands(m);
+    for (int module = 1; module <= det.sim.modules(); ++module)
+      n[0] += n[module] = det.sim.commands(module);
     return n;
   }
   uint64_t sent() const { return counts()[0]; }
@@ -45,29 +55,37 @@ struct Snapshots : ::testing::Test {
     return out;
   }
 
-  SimulatedDetector det{options_without_frame(varkelQuad, {{2, 30}})};
+  const Model m = GetParam();
+  SimulatedDetector det{options_without_frame(m.model, {{m.module, m.off}})};
   varkel_snapshot_report_t report{};
   TempFile saved{"saved"}, changed{"changed"};
 };
 
-TEST_F(Snapshots, RoundTripDiffsAndAppliesExactlyWhatChanged)
+TEST_P(Snapshots, RoundTripDiffsAndAppliesExactlyWhatChanged)
 {
   const uint64_t connected = sent();
   ASSERT_EQ(varkel_snapshot_save(det.v, saved.path.c_str(), &report), 0) << report.message;
   const std::string text = saved.text();
-  EXPECT_NE(text.find("[snapshot]\nformat=1\nmodel=quad\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("[module2/chip30]\ndisabled=1\nefuse-id=0\n\n"), std::string::npos);
+  const std::string off = "[module" + std::to_string(m.module) + "/chip" + std::to_string(m.off) + "]";
+  const int boards = det.v->max_num_boards;
+  EXPECT_NE(text.find("[snapshot]\nformat=1\nmodel=" + std::string(m.name) + "\n"), std::string::npos) << text;
+  EXPECT_NE(text.find(off + "\ndisabled=1\n\n"), std::string::npos); // and nothing else
   EXPECT_NE(text.find("dac.THRESHOLD0="), std::string::npos);
+  EXPECT_NE(text.find("bias.board" + std::to_string(boards - 1) + "="), std::string::npos);
+  EXPECT_EQ(text.find("bias.board" + std::to_string(boards) + "="), std::string::npos);
   EXPECT_EQ(report.commands, sent() - connected);
 
+  const int last = det.sim.modules();
   const std::tuple<int, int, const char*, double> puts[] = {
       {1, 0, "exposure", 0.125},
-      {2, 7, "gain", 3},
-      {3, 30, "dac.GND", 77},
-      {4, 1, "counter-depth", 0},
+      {m.module, m.chip, "gain", 3},
+      {last, m.off, "dac.GND", 77}, // a working chip on the other modules of the Quad
+      {last, m.other_chip, "counter-depth", 0},
       {1, 0, "image-mode", 1}}; // the last turns the readout mode into crw
   std::set<Entry> changes = {{0, 0, "readout-mode", VARKEL_MEDIPIX_MODE_DEFAULT, VARKEL_MEDIPIX_MODE_CRW}};
   for (const auto& [module, chip, name, value] : puts) {
+    if (module == m.module && chip == m.off)
+      continue; // the one-board model has only one module
     double was = -1;
     ASSERT_EQ(varkel_setting_get(det.v, varkel_setting_find(name), module, chip, &was), 0);
     put(name, module, chip, value);
@@ -98,7 +116,7 @@ TEST_F(Snapshots, RoundTripDiffsAndAppliesExactlyWhatChanged)
 
 // Only read-backs when nothing differs; one changed DAC costs its chip selection
 // (board and chip), its write and its read-back on its module alone.
-TEST_F(Snapshots, ApplySendsOnlyWhatDiffers)
+TEST_P(Snapshots, ApplySendsOnlyWhatDiffers)
 {
   ASSERT_EQ(varkel_snapshot_save(det.v, saved.path.c_str(), &report), 0);
   const size_t reads = report.commands;
@@ -107,20 +125,33 @@ TEST_F(Snapshots, ApplySendsOnlyWhatDiffers)
   EXPECT_EQ(report.count, 0u);
   EXPECT_EQ(report.commands, reads);
   const std::vector<uint64_t> before = counts();
-  for (int m = 0; m <= 4; ++m)
-    unchanged[m] = before[m] - unchanged[m];
+  const int modules = det.sim.modules();
+  for (int module = 0; module <= modules; ++module)
+    unchanged[module] = before[module] - unchanged[module];
 
-  put("dac.FBK", 2, 7, 10);
+  put("dac.FBK", m.module, m.chip, 10);
   const std::vector<uint64_t> put_done = counts();
   ASSERT_EQ(varkel_snapshot_apply(det.v, saved.path.c_str(), &report), 0);
   ASSERT_EQ(report.count, 1u);
   EXPECT_STREQ(report.entries[0].name, "dac.FBK");
   EXPECT_EQ(report.commands, reads + 4);
-  for (int m = 1; m <= 4; ++m)
-    EXPECT_EQ(counts()[m] - put_done[m], unchanged[m] + (m == 2 ? 4 : 0)) << m;
+  for (int module = 1; module <= modules; ++module)
+    EXPECT_EQ(counts()[module] - put_done[module], unchanged[module] + (module == m.module ? 4 : 0)) << module;
+
+  // While an acquisition runs, what would change it is not written.
+  put("exposure", 1, 0, 0.25);
+  put("dac.FBK", m.module, m.chip, 10);
+  varkel::detail::extras(det.v).acquiring = true;
+  EXPECT_EQ(varkel_snapshot_apply(det.v, saved.path.c_str(), &report), VARKEL_BUSY);
+  varkel::detail::extras(det.v).acquiring = false;
+  ASSERT_EQ(report.count, 2u) << report.message;
+  EXPECT_EQ(std::string(report.entries[0].name) + std::to_string(report.entries[0].written) +
+                std::to_string(report.entries[0].verified),
+            "exposure00");
+  EXPECT_EQ(report.entries[1].verified, 1);
 }
 
-TEST_F(Snapshots, RefusedFileSendsNothingAndNamesItsLine)
+TEST_P(Snapshots, RefusedFileSendsNothingAndNamesItsLine)
 {
   ASSERT_EQ(varkel_snapshot_save(det.v, saved.path.c_str(), &report), 0);
   const std::string good = saved.text();
@@ -138,14 +169,16 @@ TEST_F(Snapshots, RefusedFileSendsNothingAndNamesItsLine)
     std::string text; // empty: no file
     int code, line;
   };
-  // The GND DAC of module 3 chip 30, out of range.
-  const size_t gnd = good.find("dac.GND=", good.find("[module3/chip30]"));
+  // The GND DAC of a working chip, out of range.
+  const std::string chip = "[module" + std::to_string(det.sim.modules()) + "/chip" + std::to_string(m.chip) + "]";
+  const size_t gnd = good.find("dac.GND=", good.find(chip));
+  const std::string model = "model=" + std::string(m.name);
   const std::string out_of_range = good.substr(0, gnd) + "dac.GND=300" + good.substr(good.find('\n', gnd));
   const Case cases[] = {
       {"missing", "", VARKEL_SNAPSHOT_BAD_FILE, 0},
-      {"malformed", replaced("model=quad\n", "model=quad\nthis is no key\n"), VARKEL_SNAPSHOT_BAD_FILE, 4},
+      {"malformed", replaced(model + "\n", model + "\nthis is no key\n"), VARKEL_SNAPSHOT_BAD_FILE, 4},
       {"version", replaced("format=1", "format=2"), VARKEL_SNAPSHOT_BAD_VERSION, 2},
-      {"model", replaced("model=quad", "model=trio"), VARKEL_SNAPSHOT_BAD_MODEL, 3},
+      {"model", replaced(model, "model=trio"), VARKEL_SNAPSHOT_BAD_MODEL, 3},
       {"range", out_of_range, VARKEL_SNAPSHOT_BAD_VALUE, line_at(gnd)},
       {"name", replaced("[module1]\n", "[module1]\ngain=low\n"), VARKEL_SNAPSHOT_BAD_VALUE,
        line_at(good.find("[module1]")) + 1},
@@ -162,6 +195,36 @@ TEST_F(Snapshots, RefusedFileSendsNothingAndNamesItsLine)
     EXPECT_NE(report.message[0], '\0');
     EXPECT_EQ(report.commands, 0u);
     EXPECT_EQ(sent(), before);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Models, Snapshots,
+                         ::testing::Values(Model{varkelQuad, 2, 30, 7, 1, "quad"},
+                                           Model{varkelLite, 1, 30, 26, 36, "lite"}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// Two files: what either holds and the other lacks is a difference too (the
+// missing side NaN, here -1).
+TEST(SnapshotFiles, DiffListsValuesOfEitherFileAlone)
+{
+  TempFile one("one"), two("two");
+  one.write("[snapshot]\nformat=1\nmodel=trio\n[module1]\nexposure=0.5\n");
+  two.write(one.text() + "period=0.75\n[module1/chip3]\ngain=low\n");
+  for (const auto& [first, second] : {std::pair{&one, &two}, std::pair{&two, &one}}) {
+    varkel_snapshot_report_t report{};
+    ASSERT_EQ(varkel_snapshot_diff(nullptr, first->path.c_str(), second->path.c_str(), &report), 0);
+    std::vector<std::tuple<int, int, std::string, double, double>> found,
+        wanted = {{1, 0, "period", -1, 0.75}, {1, 3, "gain", -1, 1}};
+    for (size_t i = 0; i < report.count; ++i) {
+      const varkel_snapshot_entry_t& e = report.entries[i];
+      found.push_back(
+          {e.module, e.chip, e.name, std::isnan(e.wanted) ? -1 : e.wanted, std::isnan(e.found) ? -1 : e.found});
+    }
+    if (first == &two)
+      for (auto& [module, chip, name, a, b] : wanted)
+        std::swap(a, b);
+    EXPECT_EQ(found, wanted);
+    varkel_snapshot_report_free(&report);
   }
 }
 

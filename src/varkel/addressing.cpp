@@ -3,6 +3,7 @@
 #include <cassert>
 #include <cstdio>
 
+#include "internal/geometry.hpp"
 #include "internal/query.hpp"
 
 using namespace varkel::detail;
@@ -14,10 +15,8 @@ constexpr unsigned kRead = CMD_READ ? 1u : 0u;
 
 // Chip numbers run over the boards in descending order: 1-12 on board 2,
 // 13-24 on board 1, 25-36 on board 0.
-constexpr int board_of(int chip_number) { return 2 - (chip_number - 1) / 12; }
-constexpr int chip_index_of(int chip_number) { return (chip_number - 1) % 12; }
-static_assert(board_of(1) == 2 && chip_index_of(12) == 11 && board_of(13) == 1 && chip_index_of(13) == 0 &&
-              board_of(36) == 0 && chip_index_of(36) == 11);
+static_assert(place_of(1).board == 2 && place_of(12).position == 11 && place_of(13).board == 1 &&
+              place_of(13).position == 0 && place_of(36).board == 0 && place_of(36).position == 11);
 
 } // namespace
 
@@ -68,8 +67,8 @@ int US_Select_ChipNumber(varkel_t* varkel, int chip_id, varkel_thread_t owner)
 {
   if (!validate_number_chip_module(chip_id))
     return -4;
-  const int board = board_of(chip_id);
-  const int chip = chip_index_of(chip_id);
+  const int board = place_of(chip_id).board;
+  const int chip = place_of(chip_id).position;
   // The chip command goes out even when the board is refused: the controller
   // then selects that chip index on whatever board it had.
   int rc = US_Select_MFB(varkel, board, owner);

@@ -178,6 +178,7 @@ int set_OptimizedDiscL(varkel_t* varkel)
   for_each_module_selected(
       varkel,
       [&](int m) {
+        // By design this walks chip numbers 1..n, not the chips on the model (internal/geometry.hpp).
         for (int c = 1; c <= chips; ++c) {
           select_chipNumber(varkel, c);
           set_dac(varkel, DAC_DiscL, kOptimizedDiscL[m - 1][c - 1], VARKEL_SEND_ONE_CHIP_ONE_MODULE);

@@ -36,6 +36,7 @@ int configure_module_dacs_with_file(varkel_t* varkel, const char* dac_file_ini)
     const dac_data& d = files[channel];
     const bool* disabled = varkel->sensor_disabled[channel];
     int rc = 0;
+    // By design this walks chip numbers 1..n, not the chips on the model (internal/geometry.hpp).
     for (int c = 1; c <= chips; ++c) {
       if (disabled[c - 1])
         continue;
@@ -51,6 +52,7 @@ int run_dacs_all_chips(varkel_t* varkel, varkel_dac_t dac, int value, method _me
 {
   assert(varkel != NULL && _method != NULL);
   int rc = 0;
+  // By design this walks chip numbers 1..n, not the chips on the model (internal/geometry.hpp).
   for (int chip = 1; chip <= 36; ++chip) {
     select_chipNumber(varkel, chip);
     rc |= exec_function(varkel, dac, value, _method);

@@ -96,6 +96,7 @@ int US_DAC_Scan(varkel_t* varkel, varkel_dac_t dac, int initial, int final, int 
   // Selection codes are not counted.
   const auto scan_every_chip = [&](int) {
     int rc = 0;
+    // By design this walks chip numbers 1..n, not the chips on the model (internal/geometry.hpp).
     for (int c = 1; c <= chips; ++c) {
       select_chipNumber(varkel, c);
       rc |= scan();
@@ -132,6 +133,7 @@ void* dac_write_thread(void* data)
   const auto dac = static_cast<unsigned>(ctx->scan_rq->dac);
   const auto value = static_cast<unsigned>(ctx->scan_rq->initial);
   const int chips = std::min<int>(v->num_all_chips, 36);
+  // By design this walks chip numbers 1..n, not the chips on the model (internal/geometry.hpp).
   for (int c = 1; c <= chips; ++c) {
     US_Select_ChipNumber(v, c, ctx->owner);
     query_status(v, ctx->owner, CMD_SET_DAC, dac, value);

@@ -1,5 +1,6 @@
 // Every setting of the library by a readable name: one table whose rows name the
 // library's own read-backs and setters, read by one get and one put.
+#include <algorithm>
 #include <array>
 #include <cassert>
 #include <cerrno>
@@ -12,8 +13,11 @@
 #include <type_traits>
 #include <utility>
 
+#include "internal/acquisition_limits.hpp"
 #include "internal/analog.hpp"
 #include "internal/dac.hpp"
+#include "internal/geometry.hpp"
+#include "internal/handle.hpp"
 #include "internal/omr_parse.hpp"
 #include "internal/query.hpp"
 #include "internal/settings.hpp"
@@ -38,21 +42,28 @@ template <auto F> int call(varkel_t* v, double x)
 // A member of a member of the handle, as a number.
 template <auto Outer, auto Inner> struct Member {
   static auto& of(varkel_t& v) { return v.*Outer.*Inner; }
+  using T = std::remove_reference_t<decltype(of(std::declval<varkel_t&>()))>;
   static double get(const varkel_t& v) { return static_cast<double>(v.*Outer.*Inner); }
-  static bool clear(varkel_t& v)
+  static bool blank(varkel_t& v)
   {
-    auto& field = of(v);
-    using T = std::remove_reference_t<decltype(field)>;
     if constexpr (std::is_same_v<T, bool>) {
       return false; // a flag has no value to spare
     } else {
-      field = std::is_floating_point_v<T> ? std::numeric_limits<T>::quiet_NaN() : static_cast<T>(-1);
+      of(v) = std::is_floating_point_v<T> ? std::numeric_limits<T>::quiet_NaN() : static_cast<T>(-1);
       return true;
     }
   }
+  static void restore(varkel_t& v, double x)
+  {
+    if constexpr (std::is_floating_point_v<T>)
+      of(v) = static_cast<T>(x);
+    else
+      of(v) = static_cast<T>(static_cast<long long>(x));
+  }
 };
 
-template <auto Outer, auto Inner> constexpr Cached cached_in = {Member<Outer, Inner>::get, Member<Outer, Inner>::clear};
+template <auto Outer, auto Inner>
+constexpr Cached cached_in = {Member<Outer, Inner>::get, Member<Outer, Inner>::blank, Member<Outer, Inner>::restore};
 
 template <auto Inner> constexpr Cached param = cached_in<&varkel_t::varkelParam, Inner>;
 template <auto Inner> constexpr Cached acquisition = cached_in<&varkel_t::acquireParam, Inner>;
@@ -74,61 +85,28 @@ template <varkel_dac_t D, varkel_send_to_all_t To> int dac_write(varkel_t* v, do
 
 constexpr auto kModule = VARKEL_SETTING_MODULE;
 constexpr auto kChip = VARKEL_SETTING_CHIP;
+constexpr auto kNamed = VARKEL_SETTING_NAMED;
+constexpr auto kWhole = VARKEL_SETTING_WHOLE;
+constexpr auto kReal = VARKEL_SETTING_REAL;
 
-constexpr SettingRow named(const char* name, const char* help, const char* values, varkel_setting_scope_t scope)
-{
-  return {{name, help, values, scope, 0}, 0, 0, true, Read::cached, nullptr, {}, nullptr, 0, nullptr, nullptr, nullptr};
-}
-
-constexpr SettingRow ranged(const char* name, const char* help, const char* values, varkel_setting_scope_t scope,
-                            double min, double max, bool whole)
-{
-  SettingRow row = named(name, help, values, scope);
-  row.min = min;
-  row.max = max;
-  row.whole = whole;
-  return row;
-}
-
-constexpr SettingRow with_read(SettingRow row, int (*read_back)(varkel_t*), Cached cached)
-{
-  row.read_back = read_back;
-  row.cached = cached;
-  return row;
-}
-
-constexpr SettingRow with_set(SettingRow row, Setter set, Setter set_module = nullptr, Setter everywhere = nullptr)
-{
-  row.set = set;
-  row.set_module = set_module;
-  row.set_everywhere = everywhere;
-  row.pub.writable = 1; // rows without a setter are read-only
-  return row;
-}
-
-constexpr SettingRow replied(SettingRow row, const char* command)
-{
-  row.read = Read::reply;
-  row.command = command;
-  return row;
-}
-
+// A chip's OMR field (set_omr refuses data-out and colour-mode for all chips).
 template <varkel_omr_t F>
-constexpr SettingRow omr(const char* name, const char* help, const char* values, bool fans_out = true)
+constexpr SettingRow omr(const char* name, const char* help, const char* names, bool all_chips = true)
 {
-  SettingRow row = with_set(named(name, help, values, kChip), omr_one<F>, fans_out ? omr_all_chips<F> : nullptr);
-  row.read = Read::omr;
-  row.number = F;
-  return row;
+  return {.name = name,
+          .help = help,
+          .scope = kChip,
+          .kind = kNamed,
+          .names = names,
+          .read = Read::omr,
+          .number = F,
+          .set = omr_one<F>,
+          .set_all_chips = all_chips ? omr_all_chips<F> : nullptr};
 }
 
 int bias_of_module(varkel_t* v, double x)
 {
   return setSensorBias(v, static_cast<float>(x), VARKEL_SEND_ALL_MFBS_ONE_MODEULE);
-}
-int bias_everywhere(varkel_t* v, double x)
-{
-  return setSensorBias(v, static_cast<float>(x), VARKEL_SEND_ALL_MFBS_ALL_MODULES);
 }
 int bias_of_first_board(varkel_t* v)
 {
@@ -136,54 +114,129 @@ int bias_of_first_board(varkel_t* v)
   return rc != 0 ? rc : US_SensorBias_RBV(v);
 }
 
+// Runs a library read on a module worker's channel into a float: 0 with the
+// number, the read's code, or -2 when the reply held none.
+template <typename ReadInto> int number_read(ReadInto&& read, double* value)
+{
+  float volts = NAN;
+  if (int rc = read(&volts); rc != 0)
+    return rc;
+  return std::isnan(volts) ? -2 : (*value = volts, 0);
+}
+
+int ext_bg_on(varkel_t* v, varkel_thread_t owner, double* value)
+{
+  return number_read([&](float* volts) { return read_ext_bg(v, owner, volts); }, value);
+}
+
+constexpr Cached kBias = param<&varkel_params_t::bias_voltage>;
+
 constexpr SettingRow kFixed[] = {
-    // detector-wide
-    [] {
-      SettingRow row = with_set(named("readout-mode", "readout mode of every module and the data server",
-                                      "default crw 24-bit dual-energy", VARKEL_SETTING_DETECTOR),
-                                call<set_medipix_mode>);
-      row.read = Read::readout;
-      return row;
-    }(),
+    // detector-wide: the modules' side is their image mode, DACs and OMR fields
+    {.name = "readout-mode",
+     .help = "readout mode of every module and the data server",
+     .scope = VARKEL_SETTING_DETECTOR,
+     .kind = kNamed,
+     .names = "default crw 24-bit dual-energy",
+     .read = Read::readout,
+     .set = call<set_medipix_mode>,
+     .changes_acquisition = true},
     // per module
-    with_set(with_read(ranged("exposure", "acquisition time per exposure, seconds", "0..4294.967295", kModule, 0,
-                              4294.967295, false),
-                       US_AcquireTime_RBV, acquisition<&varkel_acquire_params_t::acquireTime>),
-             call<US_AcquireTime>, call<set_acquireTime>),
-    with_set(with_read(ranged("period", "acquisition period, seconds (0: back to back)", "0..2147.483647", kModule, 0,
-                              2147.483647, false),
-                       US_AcquirePeriod_RBV, acquisition<&varkel_acquire_params_t::acquirePeriod>),
-             call<US_AcquirePeriod>, call<set_periodTime>),
-    with_set(with_read(
-                 ranged("exposures", "exposures per acquisition, count", "1..2147483647", kModule, 1, 2147483647, true),
-                 US_NumExposures_RBV, acquisition<&varkel_acquire_params_t::numExposures>),
-             call<US_NumExposures>, call<set_numberExposures>),
-    with_set(replied(named("trigger", "trigger mode: internal, external rising or falling edge",
-                           "internal rising falling", kModule),
-                     CMD_TRIGGER_MODE),
-             call<US_TriggerMode>),
-    with_set(replied(named("trigger-out", "trigger output",
-                           "disable both sw external shutter-a shutter-b shutter-c shutter-all acq-a acq-b acq-c "
-                           "acq-all",
-                           kModule),
-                     CMD_SET_TRIGGER_OUT),
-             call<trigger_out>),
-    with_set(with_read(named("image-mode", "image mode", "single multiple continuous threshold", kModule),
-                       US_ImageMode_RBV, param<&varkel_params_t::image_mode>),
-             call<US_ImageMode>),
-    with_set(with_read(named("read-counter", "counter read out", "low high", kModule), US_ReadCounter_RBV,
-                       param<&varkel_params_t::read_counter>),
-             call<US_ReadCounter>),
-    with_set(with_read(named("discard-data", "the module discards its frames", "off on", kModule), US_DiscardData_RBV,
-                       param<&varkel_params_t::discard_data>),
-             call<US_DiscardData>),
-    with_set(with_read(ranged("bias", "sensor bias of every board, volts (read: board 0), ramped in 1 V steps",
-                              "0..100", kModule, 0, 100, false),
-                       bias_of_first_board, param<&varkel_params_t::bias_voltage>),
-             bias_of_module, bias_everywhere),
-    with_read(ranged("exposures-taken", "exposures the module has taken, count", "", kModule, 0, 4294967295.0, true),
-              US_NumExposuresCounter_RBV, acquisition<&varkel_acquire_params_t::numExposuresTotal>),
-    // per chip: the OMR fields (set_omr refuses data-out and colour-mode: no fan-out)
+    {.name = "exposure",
+     .help = "acquisition time per exposure, seconds",
+     .scope = kModule,
+     .kind = kReal,
+     .max = 4294.967295,
+     .read_back = US_AcquireTime_RBV,
+     .cached = acquisition<&varkel_acquire_params_t::acquireTime>,
+     .set = call<US_AcquireTime>,
+     .changes_acquisition = true,
+     .rule = Rule::exposure},
+    {.name = "period",
+     .help = "acquisition period, seconds (0: back to back)",
+     .scope = kModule,
+     .kind = kReal,
+     .max = 2147.483647,
+     .read_back = US_AcquirePeriod_RBV,
+     .cached = acquisition<&varkel_acquire_params_t::acquirePeriod>,
+     .set = call<US_AcquirePeriod>,
+     .changes_acquisition = true,
+     .rule = Rule::period},
+    {.name = "exposures",
+     .help = "exposures per acquisition, count",
+     .scope = kModule,
+     .kind = kWhole,
+     .min = 1,
+     .max = 2147483647,
+     .read_back = US_NumExposures_RBV,
+     .cached = acquisition<&varkel_acquire_params_t::numExposures>,
+     .set = call<US_NumExposures>,
+     .changes_acquisition = true},
+    {.name = "trigger",
+     .help = "trigger mode: internal, external rising or falling edge",
+     .scope = kModule,
+     .kind = kNamed,
+     .names = "internal rising falling",
+     .read = Read::reply,
+     .cached = param<&varkel_params_t::trigger_mode>, // the setter stores what it sent
+     .command = CMD_TRIGGER_MODE,
+     .set = call<US_TriggerMode>,
+     .changes_acquisition = true},
+    {.name = "trigger-out",
+     .help = "trigger output",
+     .scope = kModule,
+     .kind = kNamed,
+     .names = "disable both sw external shutter-a shutter-b shutter-c shutter-all acq-a acq-b acq-c acq-all",
+     .read = Read::reply,
+     .cached = param<&varkel_params_t::trigger_out>,
+     .command = CMD_SET_TRIGGER_OUT,
+     .set = call<trigger_out>,
+     .changes_acquisition = true},
+    {.name = "image-mode",
+     .help = "image mode",
+     .scope = kModule,
+     .kind = kNamed,
+     .names = "single multiple continuous threshold",
+     .read_back = US_ImageMode_RBV,
+     .cached = param<&varkel_params_t::image_mode>,
+     .set = call<US_ImageMode>,
+     .changes_acquisition = true},
+    {.name = "read-counter",
+     .help = "counter read out",
+     .scope = kModule,
+     .kind = kNamed,
+     .names = "low high",
+     .read_back = US_ReadCounter_RBV,
+     .cached = param<&varkel_params_t::read_counter>,
+     .set = call<US_ReadCounter>,
+     .changes_acquisition = true},
+    {.name = "discard-data",
+     .help = "the module discards its frames",
+     .scope = kModule,
+     .kind = kNamed,
+     .names = "off on",
+     .read_back = US_DiscardData_RBV,
+     .cached = param<&varkel_params_t::discard_data>,
+     .set = call<US_DiscardData>,
+     .changes_acquisition = true},
+    {.name = "bias",
+     .help = "sensor bias of every board, volts (read: board 0), ramped in 1 V steps",
+     .scope = kModule,
+     .kind = kReal,
+     .max = 100,
+     .read_back = bias_of_first_board,
+     .cached = kBias,
+     .set = bias_of_module,
+     .changes_acquisition = true,
+     .per_board = true},
+    {.name = "exposures-taken",
+     .help = "exposures the module has taken, count",
+     .scope = kModule,
+     .kind = kWhole,
+     .max = 4294967295.0,
+     .read_back = US_NumExposuresCounter_RBV,
+     .cached = acquisition<&varkel_acquire_params_t::numExposuresTotal>},
+    // per chip: the OMR fields
     omr<OMR_M>("operation-mode", "OMR operation mode",
                "read-low read-high load-low load-high load-dacs load-ctpr read-dacs read-omr"),
     omr<OMR_CRW_SRW>("crw-srw", "OMR read-write mode", "sequential continuous"),
@@ -197,37 +250,107 @@ constexpr SettingRow kFixed[] = {
     omr<OMR_CSM_SPM>("pixel-mode", "OMR pixel mode", "single-pixel charge-summing"),
     omr<OMR_Gain_Mode>("gain", "OMR gain mode", "super-high low high super-low"),
     [] {
-      SettingRow row = omr<OMR_Sense_DAC>("sense-dac", "OMR DAC on the sense output, DAC number", "0..31");
+      SettingRow row = omr<OMR_Sense_DAC>("sense-dac", "OMR DAC on the sense output, DAC number", "");
+      row.kind = kWhole;
       row.max = 31;
       return row;
     }(),
     omr<OMR_Ext_BG_Sel>("ext-bg-select", "OMR external band-gap input selected", "off on"),
-    with_set(with_read(ranged("ext-bg", "external band-gap input, volts", "0..1", kChip, 0, 1, false),
-                       US_ImgChip_ExtBgIn_RBV, param<&varkel_params_t::extBgIn>),
-             call<US_ImgChip_ExtBgIn>),
-    with_read(ranged("dac-output", "DAC output sense voltage, volts", "", kChip, -1e9, 1e9, false),
-              US_ImgChipDACOUTSense_RBV, param<&varkel_params_t::dacOutput>),
+    {.name = "ext-bg",
+     .help = "external band-gap input, volts",
+     .scope = kChip,
+     .kind = kReal,
+     .max = 1,
+     .read_back = US_ImgChip_ExtBgIn_RBV,
+     .cached = param<&varkel_params_t::extBgIn>,
+     .read_on = ext_bg_on,
+     .set = call<US_ImgChip_ExtBgIn>},
+    {.name = "dac-output",
+     .help = "DAC output sense voltage, volts",
+     .scope = kChip,
+     .kind = kReal,
+     .min = -HUGE_VAL,
+     .max = HUGE_VAL,
+     .read_back = US_ImgChipDACOUTSense_RBV,
+     .cached = param<&varkel_params_t::dacOutput>},
 };
 
 template <std::size_t I> constexpr SettingRow dac_row()
 {
   constexpr DacInfo d = kDacs[I];
-  SettingRow row =
-      with_set(ranged(d.name, "chip DAC, code", d.max == 511 ? "0..511" : "0..255", kChip, 0, d.max, true),
-               dac_write<d.dac, VARKEL_SEND_ONE_CHIP_ONE_MODULE>, dac_write<d.dac, VARKEL_SEND_ALL_CHIPS_ONE_MODULE>,
-               dac_write<d.dac, VARKEL_SEND_ALL_CHIPS_ALL_MODULES>);
-  row.read = Read::dac;
-  row.number = d.dac;
-  return row;
+  return {.name = d.name,
+          .help = "chip DAC, code",
+          .scope = kChip,
+          .kind = kWhole,
+          .max = static_cast<double>(d.max),
+          .read = Read::dac,
+          .number = d.dac,
+          .set = dac_write<d.dac, VARKEL_SEND_ONE_CHIP_ONE_MODULE>,
+          .set_all_chips = dac_write<d.dac, VARKEL_SEND_ALL_CHIPS_ONE_MODULE>};
 }
+
+// The snapshots' own rows: the bias board by board, and what a chip is.
+template <int B> int select_board_then(varkel_t* v, int (*step)(varkel_t*))
+{
+  const int rc = select_board(v, B);
+  return rc != 0 ? rc : step(v);
+}
+
+template <int B> constexpr SettingRow board_bias_row(const char* name)
+{
+  return {.name = name,
+          .help = "sensor bias of one board, volts",
+          .scope = kModule,
+          .kind = kReal,
+          .max = 100,
+          .read_back = [](varkel_t* v) { return select_board_then<B>(v, US_SensorBias_RBV); },
+          .cached = kBias,
+          .read_on =
+              [](varkel_t* v, varkel_thread_t owner, double* value) {
+                const int selected = US_Select_MFB(v, B, owner);
+                return selected != 0 ? selected
+                                     : number_read([&](float* volts) { return read_bias(v, owner, volts); }, value);
+              },
+          .set =
+              [](varkel_t* v, double x) {
+                const int rc = select_board(v, B);
+                return rc != 0 ? rc : set_sensorBias(v, static_cast<float>(x));
+              },
+          .changes_acquisition = true,
+          .board = B,
+          .snapshot_only = true};
+}
+
+constexpr SettingRow kSnapshotOnly[] = {
+    board_bias_row<0>("bias.board0"),
+    board_bias_row<1>("bias.board1"),
+    board_bias_row<2>("bias.board2"),
+    {.name = "efuse-id",
+     .help = "the chip's efuse identifier",
+     .scope = kChip,
+     .kind = kWhole,
+     .max = 4294967295.0,
+     .hex = true,
+     .read = Read::efuse,
+     .snapshot_only = true},
+    {.name = "disabled",
+     .help = "the chip is switched off or has no efuse identifier",
+     .scope = kChip,
+     .kind = kWhole,
+     .max = 1,
+     .read = Read::disabled,
+     .snapshot_only = true},
+};
+
+constexpr std::size_t kPublic = std::size(kFixed) + kDacCount;
+constexpr std::size_t kAll = kPublic + std::size(kSnapshotOnly);
 
 template <std::size_t... I> constexpr auto all_rows(std::index_sequence<I...>)
 {
-  constexpr std::size_t fixed = std::size(kFixed);
-  std::array<SettingRow, fixed + sizeof...(I)> rows{};
-  for (std::size_t i = 0; i < fixed; ++i)
-    rows[i] = kFixed[i];
-  ((rows[fixed + I] = dac_row<I>()), ...);
+  std::array<SettingRow, kAll> rows{};
+  std::copy(std::begin(kFixed), std::end(kFixed), rows.begin());
+  ((rows[std::size(kFixed) + I] = dac_row<I>()), ...);
+  std::copy(std::begin(kSnapshotOnly), std::end(kSnapshotOnly), rows.begin() + kPublic);
   return rows;
 }
 
@@ -236,7 +359,7 @@ constexpr auto kRows = all_rows(std::make_index_sequence<kDacCount>{});
 // The words of a named setting's values, one by one.
 template <typename Word> int for_each_name(const SettingRow& row, Word&& word)
 {
-  std::string_view rest = row.pub.values;
+  std::string_view rest = row.names;
   int index = 0;
   while (!rest.empty()) {
     const std::size_t end = rest.find(' ');
@@ -248,11 +371,6 @@ template <typename Word> int for_each_name(const SettingRow& row, Word&& word)
   return -1;
 }
 
-bool is_named(const SettingRow& row)
-{
-  return row.pub.values[0] != '\0' && std::strstr(row.pub.values, "..") == nullptr;
-}
-
 int name_count(const SettingRow& row)
 {
   int count = 0;
@@ -260,18 +378,65 @@ int name_count(const SettingRow& row)
   return count;
 }
 
-// Reads the cache a library read-back fills; -2 when it did not fill it.
+// The public face of a row: its values text written out from kind and range.
+void describe(Setting& out, const SettingRow& row)
+{
+  out.row = row;
+  const bool named = row.kind == kNamed;
+  if (named)
+    out.row.max = name_count(row) - 1;
+  if (named)
+    out.range_text[0] = '\0'; // the values text is the names
+  else if (std::isinf(row.min) || std::isinf(row.max))
+    out.range_text[0] = '\0'; // any number
+  else if (row.hex)
+    std::snprintf(out.range_text, sizeof out.range_text, "0..%llx", static_cast<unsigned long long>(row.max));
+  else
+    std::snprintf(out.range_text, sizeof out.range_text, "%.15g..%.15g", row.min, row.max);
+  out.pub = {
+      row.name,    row.help,    named ? row.names : out.range_text, row.scope, row.set != nullptr ? 1 : 0, row.kind,
+      out.row.min, out.row.max, named ? name_count(row) : 0};
+}
+
+// Built in place once: each public face points into its own row's text.
+const std::array<Setting, kAll>& table()
+{
+  static std::array<Setting, kAll> settings{};
+  static const bool built = [] {
+    for (std::size_t i = 0; i < kAll; ++i)
+      describe(settings[i], kRows[i]);
+    return true;
+  }();
+  (void)built;
+  return settings;
+}
+
+const Setting* setting_of(const varkel_setting_t* s)
+{
+  for (const Setting& setting : table())
+    if (&setting.pub == s && !setting.row.snapshot_only)
+      return &setting;
+  return nullptr;
+}
+
+// ---- reading ------------------------------------------------------------------
+
+// Reads the cache a library read-back fills; -2 when it did not fill it. The
+// cache keeps its value unless a new one came.
 int read_cached(varkel_t* v, const SettingRow& row, double* value)
 {
-  const bool cleared = row.cached.clear(*v);
+  const double was = row.cached.get(*v);
+  const bool blanked = row.cached.blank(*v);
   const double blank = row.cached.get(*v);
-  if (int rc = row.read_back(v); rc != 0)
-    return rc;
+  int rc = row.read_back(v);
   const double x = row.cached.get(*v);
-  if (cleared && (std::isnan(blank) ? std::isnan(x) : x == blank))
-    return -2;
-  *value = x;
-  return 0;
+  if (rc == 0 && blanked && (std::isnan(blank) ? std::isnan(x) : x == blank))
+    rc = -2;
+  if (rc != 0)
+    row.cached.restore(*v, was);
+  else
+    *value = x;
+  return rc;
 }
 
 int read_readout_mode(varkel_t* v, double* value)
@@ -287,84 +452,31 @@ int read_readout_mode(varkel_t* v, double* value)
     break;
   }
   double image = 0;
-  const SettingRow* image_mode = row_of(varkel_setting_find("image-mode"));
-  if (int rc = read_cached(v, *image_mode, &image); rc != 0)
+  if (int rc = read_cached(v, *row_of(varkel_setting_find("image-mode")), &image); rc != 0)
     return rc;
   *value =
       static_cast<int>(image) == VARKEL_IMAGE_MODE_MULTIPLE ? VARKEL_MEDIPIX_MODE_CRW : VARKEL_MEDIPIX_MODE_DEFAULT;
   return 0;
 }
 
-bool chip_on_model(const varkel_t* v, int chip)
+int read_dac(varkel_t* v, const SettingRow& row, double* value)
 {
-  bool found = false;
-  for_each_chip_position(v->max_num_boards, v->max_num_chips, [&](int c) { found |= c == chip; });
-  return found;
-}
-
-// Writes every chip of the selected module: the row's fan-out, else chip by chip
-// (chips switched off are passed by).
-int put_module_chips(varkel_t* v, const SettingRow& row, double value)
-{
-  if (row.set_module != nullptr)
-    return row.set_module(v, value);
-  int rc = 0;
-  const int module = v->varkel_module;
-  for_each_chip_position(v->max_num_boards, v->max_num_chips, [&](int chip) {
-    if (module >= 1 && module <= 4 && v->sensor_disabled[module - 1][chip - 1])
-      return;
-    const int selected = select_chipNumber(v, chip);
-    rc |= selected != 0 ? selected : row.set(v, value);
-  });
+  const int chip = v->sensor_pos.sensorPos;
+  if (chip < 1 || chip > kChipsPerModule)
+    return -4;
+  int32_t& cell = v->digital_dac_values[chip - 1][row.number - 1];
+  const int32_t was = cell;
+  cell = -1;
+  int rc = get_dac(v, DIGITAL_READ_SINGLE_DAC, static_cast<varkel_dac_t>(row.number));
+  rc = rc != 0 ? rc : (cell < 0 ? -2 : 0);
+  if (rc == 0)
+    *value = cell;
+  else
+    cell = was;
   return rc;
 }
 
-} // namespace
-
-// ---- the internal face ---------------------------------------------------------
-
-std::span<const SettingRow> varkel::detail::setting_rows() { return kRows; }
-
-const SettingRow* varkel::detail::row_of(const varkel_setting_t* s)
-{
-  for (const SettingRow& row : kRows)
-    if (&row.pub == s)
-      return &row;
-  return nullptr;
-}
-
-bool varkel::detail::in_range(const SettingRow& row, double value)
-{
-  if (!std::isfinite(value))
-    return false;
-  const double min = is_named(row) ? 0 : row.min;
-  const double max = is_named(row) ? name_count(row) - 1 : row.max;
-  return value >= min && value <= max && (!row.whole || value == std::floor(value));
-}
-
-bool varkel::detail::same_value(const SettingRow& row, double a, double b)
-{
-  if (row.whole || is_named(row))
-    return a == b;
-  // Values the handle keeps as floats, replied with six decimals.
-  return std::fabs(a - b) <= 5e-7 + 1e-6 * std::fabs(a);
-}
-
-int varkel::detail::select_for(varkel_t* v, const SettingRow& row, int module, int chip)
-{
-  if (row.pub.scope == VARKEL_SETTING_DETECTOR)
-    module = 1;
-  if (!validate_module(v, module))
-    return -7;
-  if (row.pub.scope == VARKEL_SETTING_CHIP && !chip_on_model(v, chip))
-    return -4;
-  const int rc = select_module(v, module);
-  if (rc != 0 || row.pub.scope != VARKEL_SETTING_CHIP)
-    return rc;
-  return select_chipNumber(v, chip);
-}
-
-int varkel::detail::get_selected(varkel_t* v, const SettingRow& row, double* value)
+int read_selected(varkel_t* v, const SettingRow& row, double* value)
 {
   switch (row.read) {
   case Read::cached:
@@ -381,78 +493,296 @@ int varkel::detail::get_selected(varkel_t* v, const SettingRow& row, double* val
       return rc;
     return x < 0 ? -2 : (*value = x, 0);
   }
-  case Read::dac: {
-    const int chip = v->sensor_pos.sensorPos;
-    if (chip < 1 || chip > 36)
-      return -4;
-    int32_t& cell = v->digital_dac_values[chip - 1][row.number - 1];
-    cell = -1;
-    if (int rc = get_dac(v, DIGITAL_READ_SINGLE_DAC, static_cast<varkel_dac_t>(row.number)); rc != 0)
-      return rc;
-    return cell < 0 ? -2 : (*value = cell, 0);
-  }
+  case Read::dac:
+    return read_dac(v, row, value);
   case Read::readout:
     return read_readout_mode(v, value);
+  default:
+    return -3; // read on a module worker's channel by the snapshots
   }
-  return -3;
+}
+
+// The code of the failure noted since `before` (VARKEL_REFUSED for a refusal, -1
+// for a connection closed without a reply) on a call that returned 0 or found no
+// value in the reply (the refusal's words), else `rc`; the chip goes on the note
+// for chip rows.
+int refused_since(varkel_t* v, uint64_t before, int rc, int chip)
+{
+  if (varkel_failure_count(v) == before)
+    return rc;
+  if (chip != 0)
+    note_failure_chip(v, chip);
+  return rc == 0 || rc == -2 ? varkel_last_failure(v, nullptr) : rc;
+}
+
+// Selects chip `chip` on the selected module: 0, the selection's code, or
+// VARKEL_REFUSED when the controller refused it (a read would reach another chip).
+int select_chip(varkel_t* v, int chip)
+{
+  const uint64_t before = varkel_failure_count(v);
+  return refused_since(v, before, select_chipNumber(v, chip), chip);
+}
+
+int selected_chip(const varkel_t* v, const SettingRow& row)
+{
+  return row.scope == VARKEL_SETTING_CHIP ? v->sensor_pos.sensorPos : 0;
+}
+
+// ---- writing --------------------------------------------------------------------
+
+// Reads back what was written on the selected module (and chip): 0, the read's
+// code, or VARKEL_NOT_APPLIED (noted) when another value is in force.
+int verify_selected(varkel_t* v, const SettingRow& row, int chip, double value, double* read = nullptr)
+{
+  double back = NAN;
+  if (int rc = get_selected(v, row, &back); rc != 0)
+    return rc;
+  if (read != nullptr)
+    *read = back;
+  if (same_value(row, value, back))
+    return 0;
+  char wanted[64] = "", found[64] = "";
+  format_value(row, value, wanted, sizeof wanted);
+  format_value(row, back, found, sizeof found);
+  note_failure(v, VARKEL_NOT_APPLIED, v->varkel_module, chip, nullptr, nullptr,
+               "put %s %s: the controller accepted it but reads back %s", row.name, wanted, found);
+  return VARKEL_NOT_APPLIED;
+}
+
+// Writes every working chip of the selected module `module`: the library's
+// all-chips command when no chip of the module is off, else chip by chip; then
+// each working chip is read back.
+int put_module_chips(varkel_t* v, const SettingRow& row, int module, double value)
+{
+  bool all_working = true;
+  for_each_model_chip(v, [&](int chip) { all_working &= chip_working(v, module, chip); });
+  const bool at_once = all_working && row.set_all_chips != nullptr;
+  if (at_once) {
+    const uint64_t before = varkel_failure_count(v);
+    if (int rc = refused_since(v, before, row.set_all_chips(v, value), 0); rc != 0)
+      return rc;
+  }
+  int first = 0;
+  for_each_working_chip(v, module, [&](int chip) {
+    int rc = select_chip(v, chip);
+    if (rc == 0)
+      rc = at_once ? verify_selected(v, row, chip, value) : put_selected(v, row, chip, value);
+    first = first != 0 ? first : rc;
+  });
+  return first;
+}
+
+int chip_off(varkel_t* v, int module, int chip)
+{
+  note_failure(v, VARKEL_CHIP_OFF, module, chip, nullptr, nullptr, "chip %d is switched off", chip);
+  return VARKEL_CHIP_OFF;
+}
+
+// Writes module `module`, selected: the module row, one chip (`chip`) or every
+// working chip (chip 0).
+int put_on_module(varkel_t* v, const SettingRow& row, int module, int chip, double value)
+{
+  if (row.scope != VARKEL_SETTING_CHIP && !row.per_board)
+    return put_selected(v, row, 0, value);
+  if (row.per_board) {
+    const uint64_t before = varkel_failure_count(v);
+    int first = refused_since(v, before, row.set(v, value), 0);
+    for (const Setting& s : table()) // the per-board rows (the bias's)
+      if (first == 0 && s.row.board >= 0 && s.row.board < v->max_num_boards)
+        first = verify_selected(v, s.row, 0, value);
+    return first;
+  }
+  if (chip == 0)
+    return put_module_chips(v, row, module, value);
+  if (!chip_working(v, module, chip))
+    return chip_off(v, module, chip);
+  const int rc = select_chip(v, chip);
+  return rc != 0 ? rc : put_selected(v, row, chip, value);
+}
+
+const SettingRow& row_with_rule(Rule rule)
+{
+  for (const Setting& s : table())
+    if (s.row.rule == rule)
+      return s.row;
+  std::abort(); // the table has both
+}
+
+// The exposure must fit the period on every module written (exposure + readout
+// at most a non-zero period, as the library's composite setters and the
+// acquisition workflow hold it). Reads
+// the other value in force on modules first..last. Returns 0, the read's code or
+// -3 (noted) with nothing written.
+int check_exposure_rule(varkel_t* v, const SettingRow& row, int first, int last, double value)
+{
+  const bool exposure = row.rule == Rule::exposure;
+  const SettingRow& other = row_with_rule(exposure ? Rule::period : Rule::exposure);
+  for (int m = first; m <= last; ++m) {
+    double in_force = NAN;
+    int rc = select_module(v, m);
+    rc = rc != 0 ? rc : get_selected(v, other, &in_force);
+    if (rc != 0)
+      return rc;
+    const float exposure_s = static_cast<float>(exposure ? value : in_force);
+    const float period_s = static_cast<float>(exposure ? in_force : value);
+    if (!exposure_fits(exposure_s, period_s)) {
+      note_failure(v, -3, m, 0, nullptr, nullptr, "put %s %g: exposure %g s does not fit period %g s (readout %g ms)",
+                   row.name, value, double{exposure_s}, double{period_s}, IMAGE_READOUT * 1e3);
+      return -3;
+    }
+  }
+  return 0;
+}
+
+} // namespace
+
+// ---- the internal face ---------------------------------------------------------
+
+std::span<const Setting> varkel::detail::setting_rows() { return table(); }
+
+const SettingRow* varkel::detail::row_of(const varkel_setting_t* s)
+{
+  const Setting* setting = setting_of(s);
+  return setting != nullptr ? &setting->row : nullptr;
+}
+
+const SettingRow& varkel::detail::row_reading(Read read)
+{
+  for (const Setting& s : table())
+    if (s.row.read == read && s.row.snapshot_only)
+      return s.row;
+  std::abort(); // the table has each
+}
+
+bool varkel::detail::in_range(const SettingRow& row, double value)
+{
+  if (std::isnan(value))
+    return false;
+  const double max = row.kind == kNamed ? name_count(row) - 1 : row.max;
+  return value >= row.min && value <= max && (row.kind == kReal || value == std::floor(value));
+}
+
+bool varkel::detail::same_value(const SettingRow& row, double a, double b)
+{
+  if (std::isnan(a) || std::isnan(b))
+    return false;
+  if (row.kind != kReal)
+    return a == b;
+  // Values the handle keeps as floats, replied with six decimals.
+  return std::fabs(a - b) <= 5e-7 + 1e-6 * std::fabs(a);
+}
+
+int varkel::detail::parse_value(const SettingRow& row, const char* text, double* value)
+{
+  if (row.kind == kNamed) {
+    const int index = for_each_name(row, [&](int, std::string_view word) { return word == text; });
+    if (index >= 0)
+      return *value = index, 0;
+  }
+  char* end = nullptr;
+  errno = 0;
+  const double x = row.hex ? static_cast<double>(std::strtoull(text, &end, 16)) : std::strtod(text, &end);
+  if (end == text || *end != '\0' || errno == ERANGE || !in_range(row, x))
+    return -3;
+  *value = x;
+  return 0;
+}
+
+int varkel::detail::format_value(const SettingRow& row, double value, char* text, std::size_t size)
+{
+  int written = 0;
+  if (row.kind == kNamed) {
+    std::string_view word;
+    for_each_name(row, [&](int index, std::string_view w) { return index == value ? (word = w, true) : false; });
+    if (word.empty())
+      return -3;
+    written = std::snprintf(text, size, "%.*s", static_cast<int>(word.size()), word.data());
+  } else if (row.hex) {
+    written = std::snprintf(text, size, "%llx", static_cast<unsigned long long>(value));
+  } else {
+    // Seven significant digits: what a float the handle keeps holds.
+    written = std::snprintf(text, size, row.kind == kWhole ? "%.0f" : "%.7g", value);
+  }
+  return written >= 0 && static_cast<std::size_t>(written) < size ? 0 : ENOSPC;
+}
+
+int varkel::detail::select_for(varkel_t* v, const SettingRow& row, int module, int chip)
+{
+  if (row.scope == VARKEL_SETTING_DETECTOR)
+    module = 1;
+  if (!validate_module(v, module))
+    return -7;
+  if (row.scope != VARKEL_SETTING_CHIP)
+    return select_module(v, module);
+  if (!chip_on_model(v, chip))
+    return -4;
+  if (!chip_working(v, module, chip))
+    return chip_off(v, module, chip);
+  const int rc = select_module(v, module);
+  return rc != 0 ? rc : select_chip(v, chip);
+}
+
+int varkel::detail::check_not_busy(varkel_t* v, const SettingRow& row, int module, int chip)
+{
+  if (!row.changes_acquisition || !extras(v).acquiring.load())
+    return 0;
+  note_failure(v, VARKEL_BUSY, module, chip, nullptr, nullptr, "%s cannot change while an acquisition runs", row.name);
+  return VARKEL_BUSY;
+}
+
+int varkel::detail::get_selected(varkel_t* v, const SettingRow& row, double* value)
+{
+  const uint64_t before = varkel_failure_count(v);
+  double x = NAN;
+  const double was = row.cached.get != nullptr ? row.cached.get(*v) : 0;
+  int rc = refused_since(v, before, read_selected(v, row, &x), selected_chip(v, row));
+  if (rc == VARKEL_REFUSED && row.cached.restore != nullptr)
+    row.cached.restore(*v, was);
+  if (rc == 0)
+    *value = x;
+  return rc;
+}
+
+int varkel::detail::put_selected(varkel_t* v, const SettingRow& row, int chip, double value, double* back)
+{
+  const uint64_t before = varkel_failure_count(v);
+  const double was = row.cached.get != nullptr ? row.cached.get(*v) : 0;
+  const int rc = refused_since(v, before, row.set(v, value), chip);
+  if (rc == VARKEL_REFUSED && row.cached.restore != nullptr)
+    row.cached.restore(*v, was); // a setter that stores what it sent
+  return rc != 0 ? rc : verify_selected(v, row, chip, value, back);
 }
 
 // ---- the public face -------------------------------------------------------------
 
-int varkel_settings_count(void) { return static_cast<int>(kRows.size()); }
+int varkel_settings_count(void) { return static_cast<int>(kPublic); }
 
 const varkel_setting_t* varkel_setting_at(int index)
 {
-  return index >= 0 && static_cast<std::size_t>(index) < kRows.size() ? &kRows[static_cast<std::size_t>(index)].pub
-                                                                      : nullptr;
+  return index >= 0 && static_cast<std::size_t>(index) < kPublic ? &table()[static_cast<std::size_t>(index)].pub
+                                                                 : nullptr;
 }
 
 const varkel_setting_t* varkel_setting_find(const char* name)
 {
   if (name == nullptr)
     return nullptr;
-  for (const SettingRow& row : kRows)
-    if (std::strcmp(row.pub.name, name) == 0)
-      return &row.pub;
+  for (std::size_t i = 0; i < kPublic; ++i)
+    if (std::strcmp(table()[i].pub.name, name) == 0)
+      return &table()[i].pub;
   return nullptr;
 }
 
 int varkel_setting_parse(const varkel_setting_t* s, const char* text, double* value)
 {
   const SettingRow* row = row_of(s);
-  if (row == nullptr || text == nullptr || value == nullptr)
-    return -3;
-  if (is_named(*row)) {
-    const int index = for_each_name(*row, [&](int, std::string_view word) { return word == text; });
-    if (index >= 0)
-      return *value = index, 0;
-  }
-  char* end = nullptr;
-  errno = 0;
-  const double x = std::strtod(text, &end);
-  if (end == text || *end != '\0' || errno == ERANGE || !in_range(*row, x))
-    return -3;
-  *value = x;
-  return 0;
+  return row != nullptr && text != nullptr && value != nullptr ? parse_value(*row, text, value) : -3;
 }
 
 int varkel_setting_format(const varkel_setting_t* s, double value, char* text, size_t size)
 {
   const SettingRow* row = row_of(s);
-  if (row == nullptr || text == nullptr)
-    return -3;
-  int written = 0;
-  if (is_named(*row)) {
-    std::string_view word;
-    for_each_name(*row, [&](int index, std::string_view w) { return index == value ? (word = w, true) : false; });
-    if (word.empty())
-      return -3;
-    written = std::snprintf(text, size, "%.*s", static_cast<int>(word.size()), word.data());
-  } else {
-    // Seven significant digits: what a float the handle keeps holds.
-    written = std::snprintf(text, size, row->whole ? "%.0f" : "%.7g", value);
-  }
-  return written >= 0 && static_cast<std::size_t>(written) < size ? 0 : ENOSPC;
+  return row != nullptr && text != nullptr ? format_value(*row, value, text, size) : -3;
 }
 
 int varkel_setting_get(varkel_t* varkel, const varkel_setting_t* s, int module, int chip, double* value)
@@ -472,28 +802,26 @@ int varkel_setting_put(varkel_t* varkel, const varkel_setting_t* s, int module, 
   const SettingRow* row = row_of(s);
   if (row == nullptr || row->set == nullptr || !in_range(*row, value))
     return -3;
-  const varkel_setting_scope_t scope = row->pub.scope;
-  if (scope == VARKEL_SETTING_DETECTOR)
-    return row->set(varkel, value);
+  if (row->scope == VARKEL_SETTING_DETECTOR)
+    module = chip = 0;
   if (module != 0 && !validate_module(varkel, module))
     return -7;
-  if (scope == VARKEL_SETTING_CHIP && chip != 0 && !chip_on_model(varkel, chip))
+  if (row->scope == VARKEL_SETTING_CHIP && chip != 0 && !chip_on_model(varkel, chip))
     return -4;
-  if (module == 0 && scope == VARKEL_SETTING_MODULE && row->set_module != nullptr)
-    return row->set_module(varkel, value);
-  if (module == 0 && chip == 0 && row->set_everywhere != nullptr)
-    return row->set_everywhere(varkel, value);
-  const auto on_module = [&](int) {
-    if (scope == VARKEL_SETTING_MODULE)
-      return row->set(varkel, value);
-    if (chip == 0)
-      return put_module_chips(varkel, *row, value);
-    const int selected = select_chipNumber(varkel, chip);
-    return selected != 0 ? selected : row->set(varkel, value);
-  };
-  if (module != 0) {
-    const int selected = select_module(varkel, module);
-    return selected != 0 ? selected : on_module(module);
+  if (int rc = check_not_busy(varkel, *row, module, chip); rc != 0)
+    return rc;
+  if (row->scope == VARKEL_SETTING_DETECTOR)
+    return put_selected(varkel, *row, 0, value); // the setter goes over every module itself
+  const int first = module != 0 ? module : 1;
+  const int last = module != 0 ? module : varkel->max_num_modules;
+  if (row->rule != Rule::none)
+    if (int rc = check_exposure_rule(varkel, *row, first, last, value); rc != 0)
+      return rc;
+  int result = 0;
+  for (int m = first; m <= last; ++m) {
+    int rc = select_module(varkel, m);
+    rc = rc != 0 ? rc : put_on_module(varkel, *row, m, chip, value);
+    result = result != 0 ? result : rc;
   }
-  return for_each_module_selected(varkel, on_module);
+  return result;
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cassert>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdarg>
@@ -20,6 +21,7 @@
 
 #include "internal/analog.hpp"
 #include "internal/dac.hpp"
+#include "internal/geometry.hpp"
 #include "internal/handle.hpp"
 #include "internal/omr_parse.hpp"
 #include "internal/presence.hpp"
@@ -33,19 +35,14 @@ namespace {
 
 constexpr int kFormat = 1;
 constexpr char kHead[] = "snapshot";
-constexpr char kEfuse[] = "efuse-id";
-constexpr char kDisabled[] = "disabled";
-constexpr std::array<const char*, 3> kBoardBias = {"bias.board0", "bias.board1", "bias.board2"};
 
-// Where a value lives: module 0 for the detector, chip 0 for a module. The name
-// points to static storage (a row's name or one of the names above).
-using Key = std::tuple<int, int, std::string_view>;
+// Where a value lives: module 0 for the detector, chip 0 for a module; and its row.
+using Key = std::tuple<int, int, const SettingRow*>;
 using Values = std::map<Key, double>;
 
 struct Snapshot {
   const ModelGeometry* model = nullptr;
   Values values;
-  std::map<Key, int> lines; // where each value stands in its file
 };
 
 // ---- the report --------------------------------------------------------------
@@ -65,6 +62,20 @@ struct Outcome {
     return code;
   }
 
+  // Fails with the failure the handle noted last (module, chip, what happened)
+  // when one was noted since `before`, else with the code's text.
+  int fail_noted(varkel_t* v, uint64_t before, int code, const char* what)
+  {
+    varkel_failure_t f{};
+    if (varkel_failure_count(v) == before)
+      return fail(code, 0, "%s: %s", what, varkel_error_string(code));
+    varkel_last_failure(v, &f);
+    char chip[32] = "";
+    if (f.chip != 0)
+      std::snprintf(chip, sizeof chip, " chip %d", f.chip);
+    return fail(code, 0, "%s: module %d%s: %s", what, f.module, chip, f.text);
+  }
+
   // Hands the entries over to the report (malloc'ed: freed by the C caller's call).
   int finish(int code)
   {
@@ -82,81 +93,67 @@ struct Outcome {
   }
 };
 
-// ---- names -------------------------------------------------------------------
+// ---- rows ----------------------------------------------------------------------
 
-bool saved(const SettingRow& row, varkel_setting_scope_t scope)
+// The row a key called `name` stands for in a group of `scope` on a model with
+// `boards` boards, or nullptr when no such key belongs there.
+const Setting* kept_row(std::string_view name, varkel_setting_scope_t scope, int boards)
 {
-  // Bias is kept board by board; read-only rows are readings, not settings.
-  return row.pub.scope == scope && row.set != nullptr && std::strcmp(row.pub.name, "bias") != 0;
-}
-
-const SettingRow& bias_row() { return *row_of(varkel_setting_find("bias")); }
-
-// The row a key's values are parsed, formatted and compared with; nullptr for
-// the efuse identifier and the disabled flag.
-const SettingRow* row_for(std::string_view name)
-{
-  for (const char* board : kBoardBias)
-    if (name == board)
-      return &bias_row();
-  return row_of(varkel_setting_find(std::string(name).c_str()));
-}
-
-// The static name of `name` for a value of scope `scope`, or nullptr when a key of
-// that name does not belong there.
-const char* known_name(std::string_view name, varkel_setting_scope_t scope, int boards)
-{
-  if (scope == VARKEL_SETTING_CHIP && (name == kEfuse || name == kDisabled))
-    return name == kEfuse ? kEfuse : kDisabled;
-  if (scope == VARKEL_SETTING_MODULE)
-    for (int b = 0; b < boards && b < static_cast<int>(kBoardBias.size()); ++b)
-      if (name == kBoardBias[static_cast<std::size_t>(b)])
-        return kBoardBias[static_cast<std::size_t>(b)];
-  for (const SettingRow& row : setting_rows())
-    if (saved(row, scope) && name == row.pub.name)
-      return row.pub.name;
+  for (const Setting& s : setting_rows())
+    if (kept_in_snapshots(s.row) && s.row.scope == scope && s.row.board < boards && name == s.row.name)
+      return &s;
   return nullptr;
 }
 
-bool same(std::string_view name, double a, double b)
+// The row of an entry: its name is the row's own.
+const SettingRow& row_of_entry(const varkel_snapshot_entry_t& e)
 {
-  if (std::isnan(a) || std::isnan(b))
-    return false;
-  const SettingRow* row = row_for(name);
-  return row != nullptr ? same_value(*row, a, b) : a == b;
+  for (const Setting& s : setting_rows())
+    if (s.row.name == e.name)
+      return s.row;
+  std::abort(); // entries are made from rows
 }
 
-std::string format_value(std::string_view name, double value)
+std::string text_of(const SettingRow& row, double value)
 {
   char text[64] = "";
-  if (const SettingRow* row = row_for(name))
-    varkel_setting_format(&row->pub, value, text, sizeof text);
-  else
-    std::snprintf(text, sizeof text, name == kEfuse ? "%llx" : "%llu", static_cast<unsigned long long>(value));
+  format_value(row, value, text, sizeof text);
   return text;
 }
 
 // ---- reading a detector --------------------------------------------------------
 
+// Detector and module settings, on the main channel. Returns 0 or the first code.
+int read_main(varkel_t* v, Values& values)
+{
+  int first = 0;
+  for (const Setting& s : setting_rows()) {
+    const SettingRow& row = s.row;
+    if (!kept_in_snapshots(row) || row.scope == VARKEL_SETTING_CHIP || row.read_on != nullptr)
+      continue;
+    const bool detector = row.scope == VARKEL_SETTING_DETECTOR;
+    for (int m = 1; m <= (detector ? 1 : v->max_num_modules); ++m) {
+      double x = NAN;
+      int rc = select_for(v, row, m, 0);
+      rc = rc != 0 ? rc : get_selected(v, row, &x);
+      first = first != 0 ? first : rc;
+      if (rc == 0)
+        values[{detector ? 0 : m, 0, &row}] = x;
+    }
+  }
+  return first;
+}
+
 // What one module worker reads, on its own channel.
 struct ModuleReading {
   Values values;
   int rc = 0;
+  void keep(int rc_of_read) { rc |= rc_of_read == -2 ? 0 : rc_of_read; } // -2: no value, nothing kept
 };
 
-void read_chip(varkel_t* v, varkel_thread_t owner, uint8_t index, int chip, ModuleReading& out)
+// The chip settings of a working chip, its board and chip selected on the worker's channel.
+void read_chip_settings(varkel_t* v, varkel_thread_t owner, int chip, ModuleReading& out)
 {
-  const int m = owner + 1;
-  const auto put = [&](std::string_view name, double x) { out.values[{m, chip, name}] = x; };
-  out.rc |= US_ImgChipNumberID(v, index, owner);
-  v->mb_reg[owner] = 0; // this worker's own slot: a failed read shows as no chip
-  out.rc |= read_efuse_register(v, index, owner);
-  const auto efuse = static_cast<uint32_t>(v->mb_reg[owner]);
-  const bool disabled = efuse == 0 || v->sensor_disabled[owner][chip - 1];
-  put(kEfuse, efuse);
-  put(kDisabled, disabled);
-  if (disabled)
-    return; // a chip switched off answers nothing
   int32_t omr[kOmrFields];
   std::fill(std::begin(omr), std::end(omr), -1);
   out.rc |= read_omr_fields(v, owner, omr);
@@ -167,67 +164,91 @@ void read_chip(varkel_t* v, varkel_thread_t owner, uint8_t index, int chip, Modu
   float analog[36][32];
   std::fill(&digital[chip - 1][0], &digital[chip - 1][0] + 32, -1);
   out.rc |= read_dacs(v, owner, DIGITAL_READ_ALL_DACS, 0, chip, digital, analog);
-  float ext_bg = NAN;
-  out.rc |= read_ext_bg(v, owner, &ext_bg);
-  for (const SettingRow& row : setting_rows()) {
-    if (!saved(row, VARKEL_SETTING_CHIP))
+  for (const Setting& s : setting_rows()) {
+    const SettingRow& row = s.row;
+    if (!kept_in_snapshots(row) || row.scope != VARKEL_SETTING_CHIP || row.snapshot_only)
       continue;
     double x = NAN;
-    if (row.read == Read::omr && omr[row.number] >= 0)
-      x = omr[row.number];
-    else if (row.read == Read::dac && digital[chip - 1][row.number - 1] >= 0)
-      x = digital[chip - 1][row.number - 1];
-    else if (row.read == Read::cached && std::strcmp(row.pub.name, "ext-bg") == 0)
-      x = ext_bg;
+    if (row.read == Read::omr)
+      x = omr[row.number] >= 0 ? omr[row.number] : NAN;
+    else if (row.read == Read::dac)
+      x = digital[chip - 1][row.number - 1] >= 0 ? digital[chip - 1][row.number - 1] : NAN;
+    else if (row.read_on != nullptr)
+      out.keep(row.read_on(v, owner, &x));
     if (!std::isnan(x))
-      put(row.pub.name, x);
+      out.values[{owner + 1, chip, &row}] = x;
   }
+}
+
+// One chip, its board selected: what it is, and its settings when it answers.
+void read_chip(varkel_t* v, varkel_thread_t owner, int chip, ModuleReading& out)
+{
+  const int m = owner + 1;
+  const SettingRow& disabled = row_reading(Read::disabled);
+  if (!chip_working(v, m, chip)) {
+    out.values[{m, chip, &disabled}] = 1; // a chip switched off is sent nothing
+    return;
+  }
+  const auto position = static_cast<uint8_t>(place_of(chip).position);
+  out.rc |= US_ImgChipNumberID(v, position, owner);
+  v->mb_reg[owner] = 0; // this worker's own slot: a failed read shows as no chip
+  out.rc |= read_efuse_register(v, position, owner);
+  const auto efuse = static_cast<uint32_t>(v->mb_reg[owner]);
+  out.values[{m, chip, &row_reading(Read::efuse)}] = efuse;
+  out.values[{m, chip, &disabled}] = efuse == 0;
+  if (efuse != 0)
+    read_chip_settings(v, owner, chip, out);
+}
+
+// A module's boards and chips on its own channel: per-board rows, then chip by chip.
+ModuleReading read_module(varkel_t* v, varkel_thread_t owner)
+{
+  ModuleReading out;
+  for (const Setting& s : setting_rows()) {
+    const SettingRow& row = s.row;
+    double x = NAN;
+    if (kept_in_snapshots(row) && row.scope == VARKEL_SETTING_MODULE && row.read_on != nullptr &&
+        row.board < v->max_num_boards) {
+      out.keep(row.read_on(v, owner, &x));
+      if (!std::isnan(x))
+        out.values[{owner + 1, 0, &row}] = x;
+    }
+  }
+  int board = -1;
+  for_each_model_chip(v, [&](int chip) {
+    if (place_of(chip).board != board) {
+      board = place_of(chip).board;
+      out.rc |= US_Select_MFB(v, board, owner);
+    }
+    read_chip(v, owner, chip, out);
+  });
+  return out;
 }
 
 // Everything the library reads back: detector and module settings on the main
 // channel, then boards and chips one worker per module on its own channel.
+// Returns 0, the first code, or the code of a failure noted on a read that
+// returned 0 (VARKEL_REFUSED when the controller refused it).
 int read_detector(varkel_t* v, Values& values)
 {
-  int first = 0;
-  const auto note = [&](int rc) { first = first != 0 ? first : rc; };
-  for (const SettingRow& row : setting_rows()) {
-    for (int m = 1; m <= v->max_num_modules; ++m) {
-      const bool wanted = row.pub.scope == VARKEL_SETTING_DETECTOR ? m == 1 : saved(row, VARKEL_SETTING_MODULE);
-      if (!wanted)
-        continue;
-      double x = NAN;
-      int rc = select_for(v, row, m, 0);
-      rc = rc != 0 ? rc : get_selected(v, row, &x);
-      note(rc);
-      if (rc == 0)
-        values[{row.pub.scope == VARKEL_SETTING_DETECTOR ? 0 : m, 0, row.pub.name}] = x;
-    }
-  }
+  const uint64_t before = varkel_failure_count(v);
+  int first = read_main(v, values);
   std::array<ModuleReading, 4> readings;
   for_each_module_parallel(v, [&](varkel_thread_t owner) {
-    ModuleReading& out = readings[static_cast<std::size_t>(owner)];
-    for (int b = 0; b < v->max_num_boards && b < static_cast<int>(kBoardBias.size()); ++b) {
-      out.rc |= US_Select_MFB(v, b, owner);
-      float bias = NAN;
-      out.rc |= read_bias(v, owner, &bias);
-      if (!std::isnan(bias))
-        out.values[{owner + 1, 0, kBoardBias[static_cast<std::size_t>(b)]}] = bias;
-      for (int index = 0; index < v->max_num_chips; ++index)
-        read_chip(v, owner, static_cast<uint8_t>(index),
-                  static_cast<int>(decode_sensor_number(static_cast<uint8_t>(index), static_cast<uint8_t>(b))), out);
-    }
+    readings[static_cast<std::size_t>(owner)] = read_module(v, owner);
     return 0;
   });
   for (ModuleReading& r : readings) {
-    note(r.rc);
+    first = first != 0 ? first : r.rc;
     values.merge(r.values);
   }
-  return first;
+  return first == 0 && varkel_failure_count(v) != before ? varkel_last_failure(v, nullptr) : first;
 }
 
 // ---- files -----------------------------------------------------------------------
 
 using KeyFile = std::unique_ptr<GKeyFile, decltype(&g_key_file_free)>;
+using Text = std::unique_ptr<gchar, decltype(&g_free)>;
 
 std::string group_name(int module, int chip)
 {
@@ -244,9 +265,8 @@ int write_file(const varkel_t* v, const Values& values, const char* path, Outcom
   g_key_file_set_integer(file.get(), kHead, "format", kFormat);
   g_key_file_set_string(file.get(), kHead, "model", model != nullptr ? model->name : "");
   for (const auto& [key, value] : values) {
-    const auto& [module, chip, name] = key;
-    g_key_file_set_string(file.get(), group_name(module, chip).c_str(), std::string(name).c_str(),
-                          format_value(name, value).c_str());
+    const auto& [module, chip, row] = key;
+    g_key_file_set_string(file.get(), group_name(module, chip).c_str(), row->name, text_of(*row, value).c_str());
   }
   GError* error = nullptr;
   if (!g_key_file_save_to_file(file.get(), path, &error)) {
@@ -258,158 +278,171 @@ int write_file(const varkel_t* v, const Values& values, const char* path, Outcom
   return 0;
 }
 
-// Line numbers of groups and keys, and the first line that is none of a group, a
-// key, a comment or blank (0: none): the key-file reader names no lines itself.
-struct Lines {
-  std::map<std::pair<std::string, std::string>, int> at; // (group, "") for the group itself
-  int malformed = 0;
-};
-
-Lines scan_lines(std::string_view text)
+// The number of the first line of `text` for which match(group, line) holds (the
+// line trimmed, the group it stands in), or 0. The key-file reader names no
+// lines itself; this is asked only for the line of a refusal.
+template <typename Match> int line_where(std::string_view text, Match&& match)
 {
-  Lines lines;
-  std::string group;
-  int number = 0;
-  while (!text.empty()) {
-    ++number;
+  std::string_view group;
+  for (int number = 1; !text.empty(); ++number) {
     const std::size_t end = text.find('\n');
     std::string_view line = text.substr(0, end);
     text = end == std::string_view::npos ? std::string_view{} : text.substr(end + 1);
-    while (!line.empty() && (line.front() == ' ' || line.front() == '\t'))
+    while (!line.empty() && std::isspace(static_cast<unsigned char>(line.front())))
       line.remove_prefix(1);
-    while (!line.empty() && (line.back() == ' ' || line.back() == '\t' || line.back() == '\r'))
+    while (!line.empty() && std::isspace(static_cast<unsigned char>(line.back())))
       line.remove_suffix(1);
-    if (line.empty() || line.front() == '#')
-      continue;
-    if (line.front() == '[' && line.back() == ']') {
-      group = std::string(line.substr(1, line.size() - 2));
-      lines.at.emplace(std::pair{group, std::string()}, number);
-      continue;
-    }
-    std::size_t equals = line.find('=');
-    if (equals == std::string_view::npos || equals == 0 || group.empty()) {
-      if (lines.malformed == 0)
-        lines.malformed = number;
-      continue;
-    }
-    std::string_view name = line.substr(0, equals);
-    while (!name.empty() && (name.back() == ' ' || name.back() == '\t'))
-      name.remove_suffix(1);
-    lines.at.emplace(std::pair{group, std::string(name)}, number);
+    const bool is_group = line.size() > 1 && line.front() == '[' && line.back() == ']';
+    if (is_group)
+      group = line.substr(1, line.size() - 2);
+    if (match(group, line, is_group))
+      return number;
   }
-  return lines;
+  return 0;
 }
 
-int line_of(const Lines& lines, const std::string& group, const std::string& key = {})
+// The line of `key` in `group` (empty key: the group's own line).
+int line_of(std::string_view text, std::string_view group, std::string_view key = {})
 {
-  const auto it = lines.at.find({group, key});
-  return it != lines.at.end() ? it->second : 0;
+  return line_where(text, [&](std::string_view in, std::string_view line, bool is_group) {
+    if (key.empty())
+      return is_group && in == group;
+    if (in != group || !line.starts_with(key))
+      return false;
+    line.remove_prefix(key.size());
+    while (!line.empty() && (line.front() == ' ' || line.front() == '\t'))
+      line.remove_prefix(1);
+    return !line.empty() && line.front() == '=';
+  });
+}
+
+// The first line that is none of a group, a key and a comment.
+int malformed_line(std::string_view text)
+{
+  return line_where(text, [](std::string_view in, std::string_view line, bool is_group) {
+    const bool blank_or_comment = line.empty() || line.front() == '#';
+    return !blank_or_comment && !is_group && (in.empty() || line.find('=') == std::string_view::npos || line[0] == '=');
+  });
 }
 
 // (module, chip) of a group name, {-1, -1} when it names no module or chip of the model.
-std::pair<int, int> place_of(const std::string& group, const ModelGeometry& model)
+std::pair<int, int> group_place(const std::string& group, const ModelGeometry& model)
 {
   int module = 0, chip = 0, used = 0;
   const char* text = group.c_str();
   if (std::sscanf(text, "module%d%n", &module, &used) != 1 || module < 1 || module > model.modules)
     return {-1, -1};
-  if (text[used] == '\0' && group == "module" + std::to_string(module))
+  if (text[used] == '\0' && group == group_name(module, 0))
     return {module, 0};
   if (std::sscanf(text + used, "/chip%d", &chip) != 1 || group != group_name(module, chip))
     return {-1, -1};
-  bool on_model = false;
-  for_each_chip_position(model.boards, model.chips, [&](int c) { on_model |= c == chip; });
-  return on_model ? std::pair{module, chip} : std::pair{-1, -1};
+  return chip_on_model(chip, model.boards, model.chips) ? std::pair{module, chip} : std::pair{-1, -1};
 }
 
-// Reads and checks a whole snapshot file. `expected` is the model it must be for
-// (nullptr: any). Returns 0 or a refusal code with the report's line and message.
-int load(const char* path, const ModelGeometry* expected, Snapshot& out, Outcome& outcome)
+// A loaded file: its text (for the lines of refusals) and its keys.
+struct Loaded {
+  Text text{nullptr, g_free};
+  gsize length = 0;
+  KeyFile file{g_key_file_new(), g_key_file_free};
+  std::string_view view() const { return {text.get(), length}; }
+  std::string value(const char* group, const char* key) const
+  {
+    const Text got(g_key_file_get_value(file.get(), group, key, nullptr), g_free);
+    return got ? std::string(got.get()) : std::string();
+  }
+};
+
+int read_key_file(const char* path, Loaded& in, Outcome& outcome)
 {
   gchar* contents = nullptr;
-  gsize length = 0;
   GError* error = nullptr;
-  if (path == nullptr || !g_file_get_contents(path, &contents, &length, &error)) {
+  if (path == nullptr || !g_file_get_contents(path, &contents, &in.length, &error)) {
     const int code = outcome.fail(VARKEL_SNAPSHOT_BAD_FILE, 0, "cannot read %s: %s", path ? path : "(no path)",
                                   error != nullptr ? error->message : "no file named");
     if (error != nullptr)
       g_error_free(error);
     return code;
   }
-  const std::unique_ptr<gchar, decltype(&g_free)> text(contents, g_free);
-  const Lines lines = scan_lines({contents, length});
-  KeyFile file(g_key_file_new(), g_key_file_free);
-  if (lines.malformed != 0 || !g_key_file_load_from_data(file.get(), contents, length, G_KEY_FILE_NONE, &error)) {
-    const int code = outcome.fail(VARKEL_SNAPSHOT_BAD_FILE, lines.malformed, "line %d: %s", lines.malformed,
-                                  error != nullptr ? error->message : "neither a group, a key nor a comment");
-    if (error != nullptr)
-      g_error_free(error);
-    return code;
-  }
-  const auto string_of = [&](const char* group, const char* key) {
-    std::unique_ptr<gchar, decltype(&g_free)> value(g_key_file_get_value(file.get(), group, key, nullptr), g_free);
-    return value ? std::string(value.get()) : std::string();
-  };
-  const std::string format = string_of(kHead, "format");
+  in.text.reset(contents);
+  if (g_key_file_load_from_data(in.file.get(), contents, in.length, G_KEY_FILE_NONE, &error))
+    return 0;
+  const int line = malformed_line(in.view());
+  const int code = outcome.fail(VARKEL_SNAPSHOT_BAD_FILE, line, "line %d: %s", line, error->message);
+  g_error_free(error);
+  return code;
+}
+
+int check_head(const Loaded& in, const ModelGeometry* expected, Snapshot& out, Outcome& outcome)
+{
+  const std::string format = in.value(kHead, "format");
   if (format.empty())
-    return outcome.fail(VARKEL_SNAPSHOT_BAD_FILE, line_of(lines, kHead), "no [%s] group with its format", kHead);
-  if (format != std::to_string(kFormat))
-    return outcome.fail(VARKEL_SNAPSHOT_BAD_VERSION, line_of(lines, kHead, "format"),
-                        "line %d: format %s, this library reads format %d", line_of(lines, kHead, "format"),
+    return outcome.fail(VARKEL_SNAPSHOT_BAD_FILE, line_of(in.view(), kHead), "no [%s] group with its format", kHead);
+  if (format != std::to_string(kFormat)) {
+    const int line = line_of(in.view(), kHead, "format");
+    return outcome.fail(VARKEL_SNAPSHOT_BAD_VERSION, line, "line %d: format %s, this library reads format %d", line,
                         format.c_str(), kFormat);
-  const std::string model = string_of(kHead, "model");
+  }
+  const std::string model = in.value(kHead, "model");
   for (int m = 0; model_geometry(m) != nullptr; ++m)
     if (model == model_geometry(m)->name)
       out.model = model_geometry(m);
-  if (out.model == nullptr || (expected != nullptr && out.model != expected))
-    return outcome.fail(VARKEL_SNAPSHOT_BAD_MODEL, line_of(lines, kHead, "model"),
-                        "line %d: a snapshot of model %s%s%s", line_of(lines, kHead, "model"), model.c_str(),
-                        expected ? ", the detector is a " : "", expected ? expected->name : "");
+  if (out.model != nullptr && (expected == nullptr || out.model == expected))
+    return 0;
+  const int line = line_of(in.view(), kHead, "model");
+  return outcome.fail(VARKEL_SNAPSHOT_BAD_MODEL, line, "line %d: a snapshot of model %s%s%s", line, model.c_str(),
+                      expected ? ", the detector is a " : "", expected ? expected->name : "");
+}
 
-  gsize groups = 0;
-  const std::unique_ptr<gchar*, decltype(&g_strfreev)> names(g_key_file_get_groups(file.get(), &groups), g_strfreev);
-  for (gsize g = 0; g < groups; ++g) {
-    const std::string group = names.get()[g];
-    const bool head = group == kHead;
-    const auto [module, chip] = head ? std::pair{0, 0} : place_of(group, *out.model);
-    if (module < 0)
-      return outcome.fail(VARKEL_SNAPSHOT_BAD_VALUE, line_of(lines, group),
-                          "line %d: [%s] is no module or chip of a %s", line_of(lines, group), group.c_str(),
-                          out.model->name);
-    const varkel_setting_scope_t scope =
-        head ? VARKEL_SETTING_DETECTOR : (chip == 0 ? VARKEL_SETTING_MODULE : VARKEL_SETTING_CHIP);
-    gsize keys = 0;
-    const std::unique_ptr<gchar*, decltype(&g_strfreev)> key_names(
-        g_key_file_get_keys(file.get(), group.c_str(), &keys, nullptr), g_strfreev);
-    for (gsize k = 0; k < keys; ++k) {
-      const std::string key = key_names.get()[k];
-      if (head && (key == "format" || key == "model"))
-        continue;
-      const int line = line_of(lines, group, key);
-      const char* name = known_name(key, scope, out.model->boards);
-      if (name == nullptr)
-        return outcome.fail(VARKEL_SNAPSHOT_BAD_VALUE, line, "line %d: [%s] has no setting %s", line, group.c_str(),
-                            key.c_str());
-      const std::string text_value = string_of(group.c_str(), key.c_str());
-      double value = NAN;
-      const SettingRow* row = row_for(name);
-      bool valid = false;
-      if (row != nullptr) {
-        valid = varkel_setting_parse(&row->pub, text_value.c_str(), &value) == 0;
-      } else {
-        char* end = nullptr;
-        const unsigned long long n = std::strtoull(text_value.c_str(), &end, name == kEfuse ? 16 : 10);
-        valid = !text_value.empty() && *end == '\0' && n <= (name == kEfuse ? 0xFFFFFFFFull : 1ull);
-        value = static_cast<double>(n);
-      }
-      if (!valid)
-        return outcome.fail(VARKEL_SNAPSHOT_BAD_VALUE, line, "line %d: [%s] %s: %s is out of range %s", line,
-                            group.c_str(), key.c_str(), text_value.c_str(),
-                            row != nullptr ? row->pub.values : (name == kEfuse ? "0..ffffffff" : "0..1"));
-      out.values[{module, chip, name}] = value;
-      out.lines[{module, chip, name}] = line;
-    }
+// The keys of one group, each a kept setting of its scope with a value in range.
+int parse_group(const Loaded& in, const std::string& group, Snapshot& out, Outcome& outcome)
+{
+  const bool head = group == kHead;
+  const auto [module, chip] = head ? std::pair{0, 0} : group_place(group, *out.model);
+  if (module < 0) {
+    const int line = line_of(in.view(), group);
+    return outcome.fail(VARKEL_SNAPSHOT_BAD_VALUE, line, "line %d: [%s] is no module or chip of a %s", line,
+                        group.c_str(), out.model->name);
   }
+  const varkel_setting_scope_t scope =
+      head ? VARKEL_SETTING_DETECTOR : (chip == 0 ? VARKEL_SETTING_MODULE : VARKEL_SETTING_CHIP);
+  gsize count = 0;
+  const std::unique_ptr<gchar*, decltype(&g_strfreev)> keys(
+      g_key_file_get_keys(in.file.get(), group.c_str(), &count, nullptr), g_strfreev);
+  for (gsize k = 0; k < count; ++k) {
+    const std::string key = keys.get()[k];
+    if (head && (key == "format" || key == "model"))
+      continue;
+    const Setting* setting = kept_row(key, scope, out.model->boards);
+    const std::string text = in.value(group.c_str(), key.c_str());
+    double value = NAN;
+    if (setting != nullptr && parse_value(setting->row, text.c_str(), &value) == 0) {
+      out.values[{module, chip, &setting->row}] = value;
+      continue;
+    }
+    const int line = line_of(in.view(), group, key);
+    if (setting == nullptr)
+      return outcome.fail(VARKEL_SNAPSHOT_BAD_VALUE, line, "line %d: [%s] has no setting %s", line, group.c_str(),
+                          key.c_str());
+    return outcome.fail(VARKEL_SNAPSHOT_BAD_VALUE, line, "line %d: [%s] %s: %s is out of range %s", line, group.c_str(),
+                        key.c_str(), text.c_str(), setting->pub.values);
+  }
+  return 0;
+}
+
+// Reads and checks a whole snapshot file. `expected` is the model it must be for
+// (nullptr: any). Returns 0 or a refusal code with the report's line and message.
+int load(const char* path, const ModelGeometry* expected, Snapshot& out, Outcome& outcome)
+{
+  Loaded in;
+  if (int rc = read_key_file(path, in, outcome); rc != 0)
+    return rc;
+  if (int rc = check_head(in, expected, out, outcome); rc != 0)
+    return rc;
+  gsize count = 0;
+  const std::unique_ptr<gchar*, decltype(&g_strfreev)> groups(g_key_file_get_groups(in.file.get(), &count), g_strfreev);
+  for (gsize g = 0; g < count; ++g)
+    if (int rc = parse_group(in, groups.get()[g], out, outcome); rc != 0)
+      return rc;
   return 0;
 }
 
@@ -417,8 +450,8 @@ int load(const char* path, const ModelGeometry* expected, Snapshot& out, Outcome
 
 varkel_snapshot_entry_t entry(const Key& key, double wanted, double found)
 {
-  const auto& [module, chip, name] = key;
-  return {module, chip, name.data(), wanted, found, 0, 0};
+  const auto& [module, chip, row] = key;
+  return {module, chip, row->name, wanted, found, 0, 0};
 }
 
 // The values of `a` that `b` lacks or holds otherwise, and with `both`, the values
@@ -429,7 +462,7 @@ std::vector<varkel_snapshot_entry_t> differences(const Values& a, const Values& 
   for (const auto& [key, value] : a) {
     const auto it = b.find(key);
     const double other = it != b.end() ? it->second : NAN;
-    if (!same(std::get<2>(key), value, other))
+    if (!same_value(*std::get<2>(key), value, other))
       found.push_back(entry(key, value, other));
   }
   if (both)
@@ -440,39 +473,27 @@ std::vector<varkel_snapshot_entry_t> differences(const Values& a, const Values& 
 }
 
 // Writes one differing value on the module (and chip) selected, then reads it
-// back. Returns the write's code; `e` says whether it verified.
-int write_and_verify(varkel_t* v, varkel_snapshot_entry_t& e)
+// back. Returns 0, VARKEL_NOT_APPLIED (`e` then unverified) or the failure's code.
+int write_and_verify(varkel_t* v, const SettingRow& row, varkel_snapshot_entry_t& e)
 {
-  const std::string_view name = e.name;
-  if (name == kEfuse || name == kDisabled)
+  if (row.set == nullptr)
     return 0; // what the hardware is, not a setting
-  const SettingRow& row = *row_for(name);
-  double back = NAN;
-  int rc = 0;
-  if (row.pub.scope == VARKEL_SETTING_DETECTOR) {
+  if (int rc = check_not_busy(v, row, e.module, e.chip); rc != 0)
+    return rc;
+  e.written = 1;
+  if (row.read == Read::readout) {
     // The modules' side of the readout mode is in their image mode, DACs and OMR
     // fields, which the snapshot restores one by one; what remains is the mode
     // the data server is to be told, kept in the handle.
     v->acq_args.aquisitionMode = decode_backend_medipixMode(static_cast<uint8_t>(e.wanted));
-  } else if (&row == &bias_row()) {
-    const int board = name.back() - '0';
-    rc = select_board(v, board);
-    rc = rc != 0 ? rc : set_sensorBias(v, static_cast<float>(e.wanted));
-    if (rc == 0 && US_SensorBias_RBV(v) == 0)
-      back = v->varkelParam.bias_voltage;
-    e.written = 1;
-    e.found = back;
-    e.verified = rc == 0 && same(name, e.wanted, back);
-    return rc;
-  } else {
-    rc = row.set(v, e.wanted);
+    e.found = e.wanted;
+    e.verified = 1;
+    return 0;
   }
-  e.written = 1;
-  if (rc == 0 && get_selected(v, row, &back) == 0)
-    e.found = back;
-  else
-    e.found = NAN;
-  e.verified = rc == 0 && same(name, e.wanted, e.found);
+  double back = NAN;
+  const int rc = put_selected(v, row, e.chip, e.wanted, &back);
+  e.found = back;
+  e.verified = rc == 0;
   return rc;
 }
 
@@ -491,12 +512,12 @@ int varkel_snapshot_save(varkel_t* varkel, const char* path, varkel_snapshot_rep
   assert(varkel != NULL);
   varkel_snapshot_report_t local{};
   Outcome out{report_or(report, local), {}};
-  const uint64_t before = extras(varkel).commands.load();
+  const uint64_t before = extras(varkel).commands.load(), noted = varkel_failure_count(varkel);
   Values values;
   int rc = read_detector(varkel, values);
   out.report.commands = extras(varkel).commands.load() - before;
   if (rc != 0)
-    out.fail(rc, 0, "a read-back failed: %s", varkel_error_string(rc));
+    out.fail_noted(varkel, noted, rc, "a read-back failed");
   else
     rc = write_file(varkel, values, path != nullptr ? path : "", out);
   const int code = out.finish(rc);
@@ -516,11 +537,11 @@ int varkel_snapshot_diff(varkel_t* varkel, const char* path, const char* other_p
   if (rc == 0 && other_path != nullptr)
     rc = load(other_path, first.model, second, out);
   if (rc == 0 && other_path == nullptr) {
-    const uint64_t before = extras(varkel).commands.load();
+    const uint64_t before = extras(varkel).commands.load(), noted = varkel_failure_count(varkel);
     rc = read_detector(varkel, second.values);
     out.report.commands = extras(varkel).commands.load() - before;
     if (rc != 0)
-      out.fail(rc, 0, "a read-back failed: %s", varkel_error_string(rc));
+      out.fail_noted(varkel, noted, rc, "a read-back failed");
   }
   if (rc == 0)
     out.entries = differences(first.values, second.values, other_path != nullptr);
@@ -529,6 +550,46 @@ int varkel_snapshot_diff(varkel_t* varkel, const char* path, const char* other_p
   return code;
 }
 
+namespace {
+
+// Writes the entries that differ from what the detector holds (`now`), sorted by
+// module and chip so each chip is selected once for all its writes. Returns 0,
+// VARKEL_SNAPSHOT_UNVERIFIED or the first failure's code (noted in the report).
+int apply_differences(varkel_t* v, const Values& wanted, const Values& now, Outcome& out)
+{
+  // The readout mode goes last: its read-back looks at module 1's image mode.
+  std::vector<varkel_snapshot_entry_t> writes = differences(wanted, now, false);
+  std::stable_partition(writes.begin(), writes.end(), [](const auto& e) { return e.module != 0; });
+  const SettingRow& disabled = row_reading(Read::disabled);
+  int module = -1, chip = -1, first_failure = 0;
+  bool unverified = false;
+  for (varkel_snapshot_entry_t& e : writes) {
+    const SettingRow& row = row_of_entry(e);
+    const auto off = now.find({e.module, e.chip, &disabled});
+    const uint64_t noted = varkel_failure_count(v);
+    int step = 0;
+    if (row.set == nullptr || (e.chip != 0 && off != now.end() && off->second != 0)) {
+      unverified = true; // what the hardware is, or a chip switched off: nothing to write
+    } else {
+      if (e.module != module || e.chip != chip) {
+        step = select_for(v, row, e.module, e.chip); // detector values: on module 1
+        module = step == 0 ? e.module : -1;          // a failed selection is tried again
+        chip = e.chip;
+      }
+      step = step != 0 ? step : write_and_verify(v, row, e);
+      unverified |= !e.verified;
+    }
+    if (step != 0 && step != VARKEL_NOT_APPLIED && first_failure == 0)
+      first_failure = out.fail_noted(v, noted, step, row.name);
+    out.entries.push_back(e);
+  }
+  if (first_failure != 0)
+    return first_failure;
+  return unverified ? out.fail(VARKEL_SNAPSHOT_UNVERIFIED, 0, "some values did not verify") : 0;
+}
+
+} // namespace
+
 int varkel_snapshot_apply(varkel_t* varkel, const char* path, varkel_snapshot_report_t* report)
 {
   assert(varkel != NULL);
@@ -536,47 +597,13 @@ int varkel_snapshot_apply(varkel_t* varkel, const char* path, varkel_snapshot_re
   Outcome out{report_or(report, local), {}};
   Snapshot wanted;
   int rc = load(path, model_geometry(varkel->detModel), wanted, out);
-  const uint64_t before = extras(varkel).commands.load();
+  const uint64_t before = extras(varkel).commands.load(), noted = varkel_failure_count(varkel);
   Values now;
   if (rc == 0 && (rc = read_detector(varkel, now)) != 0)
-    out.fail(rc, 0, "a read-back failed: %s", varkel_error_string(rc));
-  int first_failure = 0;
-  bool unverified = false;
-  if (rc == 0) {
-    // Sorted by module and chip: each chip is selected once for all its writes.
-    // The readout mode goes last: its read-back looks at module 1's image mode.
-    std::vector<varkel_snapshot_entry_t> writes = differences(wanted.values, now, false);
-    std::stable_partition(writes.begin(), writes.end(), [](const auto& e) { return e.module != 0; });
-    int module = -1, chip = -1;
-    for (varkel_snapshot_entry_t& e : writes) {
-      int step = 0;
-      const auto off = now.find({e.module, e.chip, kDisabled});
-      const bool switched_off = e.chip != 0 && off != now.end() && off->second != 0;
-      if (switched_off && std::string_view(e.name) != kDisabled && std::string_view(e.name) != kEfuse) {
-        // A chip the detector has switched off takes no settings.
-        unverified = true;
-        out.entries.push_back(e);
-        continue;
-      }
-      if (e.module != module || e.chip != chip) {
-        step = select_module(varkel, e.module != 0 ? e.module : 1); // detector values read on module 1
-        if (step == 0 && e.chip != 0)
-          step = select_chipNumber(varkel, e.chip);
-        module = e.module;
-        chip = e.chip;
-      }
-      if (step == 0)
-        step = write_and_verify(varkel, e);
-      first_failure = first_failure != 0 ? first_failure : step;
-      unverified |= !e.verified;
-      out.entries.push_back(e);
-    }
-  }
+    out.fail_noted(varkel, noted, rc, "a read-back failed");
+  if (rc == 0)
+    rc = apply_differences(varkel, wanted.values, now, out);
   out.report.commands = extras(varkel).commands.load() - before;
-  if (rc == 0 && first_failure != 0)
-    rc = out.fail(first_failure, 0, "a write failed: %s", varkel_error_string(first_failure));
-  else if (rc == 0 && unverified)
-    rc = out.fail(VARKEL_SNAPSHOT_UNVERIFIED, 0, "some values did not verify");
   const int code = out.finish(rc);
   varkel_snapshot_report_free(&local);
   return code;

@@ -14,7 +14,7 @@ from conftest import MISSING
 
 ROOT = os.path.join(os.path.dirname(__file__), "..", "..")
 MESSAGES = {-1: "Address not found", -2: "Read message error", -3: "Command failed", -4: "Invalid dac field",
-            -5: "Dac value out of range"}
+            -5: "Dac value out of range", -106: "The controller refused the command"}
 
 
 def test_typical_use(det):
@@ -69,7 +69,7 @@ def test_errors(det, workdir):
         (lambda: det.dacs[1, 1].__setitem__("GND", 256), -3),
         (lambda: det.dacs[1, 1].__setitem__(40, 1), -4),
         (lambda: det.scan("Preamp"), -5),
-        (lambda: det.dacs[2, 29]["GND"], -2),  # the missing chip answers an error text
+        (lambda: det.dacs[2, 29]["GND"], -106),  # the missing chip answers an error text
         (lambda: det.load_dac_files(os.path.join(workdir, "none.ini")), -1),
     ]
     det.exposure, det.period = 0.05, 0.1
