@@ -232,6 +232,28 @@ TEST(Acquire, ReportsProgressUntilEveryExposureIsDoneOnTheSimulator)
   EXPECT_LT(seen.progress.front().fraction, 1.0);
 }
 
+// As a C program does it: Ctrl-C's handler sets the flag, and every simulated
+// module is stopped before the call returns.
+TEST(Acquire, ASignalHandlerCancelsAndEveryModuleOfTheSimulatorStops)
+{
+  SimulatedDetector d(options_for(varkelQuad));
+  ASSERT_EQ(d.connected, 0);
+  signalled = 0;
+  std::signal(SIGUSR1, [](int) { signalled = 1; });
+  varkel_acquire_request_t r = request(0.02, 0.05, 40, 1);
+  r.cancel = &signalled;
+  r.progress = [](const varkel_acquire_progress_t* p, void*) {
+    p->exposures_done >= 2 ? void(std::raise(SIGUSR1)) : void();
+  };
+  varkel_acquire_result_t result{};
+  EXPECT_EQ(varkel_acquire(d.v, &r, &result), ECANCELED);
+  std::signal(SIGUSR1, SIG_DFL);
+  EXPECT_EQ(result.stopped, 1);
+  EXPECT_LT(result.exposures_done, 40);
+  for (int m = 1; m <= d.sim.modules(); ++m)
+    EXPECT_FALSE(d.sim.module(m).acquiring) << m;
+}
+
 TEST(ScanChip, ScansAWorkingChipTowardItsAimAndRefusesTheRestSendingNothing)
 {
   SimulatedDetector d(options_without_frame(varkelQuad, {{2, 29}}));
