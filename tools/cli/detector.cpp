@@ -166,7 +166,7 @@ bool Detector::start_simulator(bool frame, Output& out)
   varkel::sim::Options o;
   o.model = model_;
   o.missing = missing_;
-  o.publish_frame = frame; // the fixed segment names allow one publisher at a time
+  o.publish_frame = frame; // 36 MiB of shared memory, only for the commands that read the frame
   try {
     sim_ = tools::start_simulator(o);
   } catch (const std::exception& e) {
