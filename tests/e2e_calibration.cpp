@@ -46,7 +46,7 @@ TEST(Calibration, FilesDacsBiasAndBandGapOnTheSimulator)
   EXPECT_FLOAT_EQ(v->varkelParam.extBgIn, 0.637f);
 }
 
-TEST(Monitoring, PresenceResetScansAndTemperaturesOnTheSimulator)
+TEST(Monitoring, PresenceResetAndTemperaturesOnTheSimulator)
 {
   varkel::testing::SimulatedDetector d(varkel::testing::options_without_frame(varkelQuad, {{3, 17}}));
   ASSERT_EQ(d.connected, 0);
