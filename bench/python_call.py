@@ -7,7 +7,7 @@ Python loop, and select_module + US_AcquireTime_RBV from a C loop. Prints the
 medians over the blocks of the time per call, wall and the calling thread's CPU, and
 their ratio.
 
-    PYTHONPATH=build/python python3 bench/python_call.py [--blocks 31] [--calls 500]
+    PYTHONPATH=build/python /usr/bin/python3 bench/python_call.py [--blocks 31] [--calls 500]
 """
 import argparse
 import statistics
@@ -28,7 +28,6 @@ def main():
     p.add_argument("--calls", type=int, default=500)
     p.add_argument("--latency-us", type=int, default=0, help="added to every controller reply")
     a = p.parse_args()
-    varkel.redirect_library_output("/dev/null")
 
     with varkel.Simulator("quad", latency_us=a.latency_us) as sim, varkel.Detector("quad") as det:
         det.connect(sim)

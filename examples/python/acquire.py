@@ -4,7 +4,6 @@ switch off the chips that do not answer, set the readout mode, the bias and the
 exposures, acquire with a progress bar, and save the frame as a PNG."""
 import argparse
 import sys
-import time
 
 import varkel
 
@@ -16,10 +15,11 @@ def main():
     p.add_argument("--period", type=float, default=0.1, help="seconds")
     p.add_argument("--exposures", type=int, default=10)
     p.add_argument("--png", default="varkel-python.png")
-    p.add_argument("--log", default="/dev/null", help="where the library's own output goes")
+    p.add_argument("--log", help="a file for the library's own output (default: none)")
     a = p.parse_args()
 
-    varkel.redirect_library_output(a.log)
+    if a.log:
+        varkel.redirect_library_output(a.log)
     tty = sys.stdout.isatty()
 
     def progress(fraction):
@@ -30,16 +30,14 @@ def main():
     with varkel.Simulator(a.model, missing_chips=[(1, 29)]) as sim, varkel.Detector(a.model) as det:
         det.connect(sim)
         print(f"{det.model}: {det.modules} module(s), data server at {sim.data_server[0]}:{sim.data_server[1]}")
-        print(f"  chips switched off: {det.check_chips()}")
+        print(f"  chips switched off: {det.disabled_chips}")
         det.readout_mode = "default"
         det.bias = 15.5
         det.gain = "high"
         print(f"  bias {det.bias} V, gain {det.gain}")
-        start = time.monotonic()
-        det.acquire(exposure=a.exposure, period=a.period, exposures=a.exposures, progress=progress)
-        took = time.monotonic() - start
-        print(f"{chr(13) if tty else ''}  {det.exposures} exposure(s) of {det.exposure} s every {det.period} s "
-              f"in {took:.2f} s")
+        done = det.acquire(exposure=a.exposure, period=a.period, exposures=a.exposures, progress=progress)
+        print(f"{chr(13) if tty else ''}  {done['exposures_done']} exposure(s) of {det.exposure} s every {det.period} s "
+              f"in {done['elapsed']:.2f} s, {done['frames']} frames")
         image = det.frame()
         varkel.save_png(a.png, image, bin=4)
         seen = image[image >= 0]

@@ -6,24 +6,19 @@ import argparse
 
 import varkel
 
-AIMS = {"GND": 0.65, "FBK": 0.9, "CAS": 0.85}
-
 
 def main():
     p = argparse.ArgumentParser(description=__doc__)
     p.add_argument("--model", default="quad", choices=["kinlet", "lite", "trio", "quad"])
     p.add_argument("--module", type=int, default=1)
-    p.add_argument("--dac", default="GND", choices=sorted(AIMS))
+    p.add_argument("--dac", default="GND", choices=sorted(varkel.SCAN_AIMS))
     p.add_argument("--step", type=int, default=4)
-    p.add_argument("--log", default="/dev/null", help="where the library's own output goes")
     a = p.parse_args()
 
-    varkel.redirect_library_output(a.log)
     with varkel.Simulator(a.model, missing_chips=[(a.module, 29)]) as sim, varkel.Detector(a.model) as det:
-        det.connect(sim)
-        det.check_chips()
+        det.connect(sim)  # switches off the chips that do not answer
         points = det.scan(a.dac, 0, 255, a.step, module=a.module)
-        print(f"{a.dac} of module {a.module}, codes 0-255 in steps of {a.step}, aim {AIMS[a.dac]} V")
+        print(f"{a.dac} of module {a.module}, codes 0-255 in steps of {a.step}, aim {varkel.SCAN_AIMS[a.dac]} V")
         print(f"{'chip':>5} {'board':>6} {'index':>6} {'code':>5} {'volts':>7}")
         for (_, chip), (code, volts) in sorted(points.items()):
             print(f"{chip:>5} {2 - (chip - 1) // 12:>6} {(chip - 1) % 12:>6} {code:>5} {volts:>7.3f}")

@@ -1,7 +1,12 @@
-// The commands of `varkel`. Each checks its arguments, brings the detector up as far
-// as it needs, does its work through the library and reports through `out`.
+// The commands of `varkel`. Each command's file holds its setup: the subcommand,
+// its options and what it runs once the command line is parsed. What it runs
+// checks its arguments, brings the detector up as far as it needs, does its work
+// through the library and reports through `out`.
 #pragma once
 
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -11,39 +16,32 @@
 
 namespace varkel::cli {
 
-// A module and a chip number the user named; 0 for every one.
-struct Address {
-  int module = 0;
-  int chip = 0;
+using Run = std::function<void(Detector&, Output&)>;
+
+// The subcommands set up on the application, with what each runs.
+struct Commands {
+  CLI::App& app;
+  std::map<const CLI::App*, Run> runs;
+
+  CLI::App* add(const char* name, const char* about) { return app.add_subcommand(name, about); }
+  void on(const CLI::App* command, Run run) { runs[command] = std::move(run); }
 };
 
-struct AcquireRequest {
-  double exposure = 0.05; // seconds
-  double period = 0.1;    // seconds, 0 for back to back
-  int exposures = 10;
-  std::string png; // where to write the sample frame; empty: not at all
-};
+void setup_init(Commands& c);
+void setup_names(Commands& c);
+void setup_get(Commands& c);
+void setup_put(Commands& c);
+void setup_acquire(Commands& c);
+void setup_temps(Commands& c);
+void setup_chips(Commands& c);
+void setup_scan(Commands& c);
+void setup_config(Commands& c);
 
-struct ScanRequest {
-  std::string dac;
-  int from = 0, to = 255, step = 4;
-  Address at;
-};
-
-void init(Detector& d, Output& out);
-void get(Detector& d, Output& out, const std::string& name, Address at);
-void put(Detector& d, Output& out, const std::string& name, const std::string& value, Address at);
-void acquire(Detector& d, Output& out, const AcquireRequest& r);
-void temps(Detector& d, Output& out);
-void chips(Detector& d, Output& out);
-void scan(Detector& d, Output& out, const ScanRequest& r);
-// action: "save", "apply" or "diff"; `against` names a second file for diff.
-void config(Detector& d, Output& out, const std::string& action, const std::string& file, const std::string& against);
-
-// The DACs a scan can aim at, for the help.
-std::string scan_dac_names();
 // The readable names with their values and help, from the library's table.
 std::string setting_names_help();
+// --module and, when chip_help is given, --chip on `command`, into `at`; 0 (the
+// default) is every module and chip, so neither option takes it.
+void address_options(CLI::App* command, Address& at, const char* chip_help);
 
 // Shared by the command files.
 const varkel_setting_t* find_setting(const std::string& name, Output& out);
@@ -51,10 +49,5 @@ const varkel_setting_t* find_setting(const std::string& name, Output& out);
 std::string shown(const varkel_setting_t* s, double value);
 // The value for JSON: the formatted number when it is one, else the plain double.
 json_object* json_value(const varkel_setting_t* s, double value);
-// Checks `at` against the model; false with the problem reported.
-bool check_address(const Detector& d, Address at, Output& out);
-// The module numbers and chip numbers `at` names (every one of the model for 0).
-std::vector<int> modules_of(const Detector& d, Address at);
-std::vector<int> chips_of(const Detector& d, Address at);
 
 } // namespace varkel::cli

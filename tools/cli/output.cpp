@@ -18,6 +18,21 @@ json_object* json_number(double value, const char* shown)
 
 json_object* json_text(const std::string& text) { return json_object_new_string(text.c_str()); }
 
+json_object* json_place(int module, int chip)
+{
+  json_object* o = json_object_new_object();
+  if (module > 0)
+    json_object_object_add(o, "module", json_object_new_int(module));
+  if (chip > 0)
+    json_object_object_add(o, "chip", json_object_new_int(chip));
+  return o;
+}
+
+std::string coded(const std::string& what, int code)
+{
+  return format("%s: %s (code %d)", what.c_str(), varkel_error_string(code), code);
+}
+
 Output::Output(tools::Console& console, FILE* errors, bool json, std::string command)
     : console_(console), errors_(errors), json_(json), root_(json_object_new_object())
 {
@@ -46,11 +61,7 @@ void Output::report(int module, int chip, int code, const std::string& message, 
     error_list_ = json_object_new_array();
     set("errors", error_list_);
   }
-  json_object* e = json_object_new_object();
-  if (module > 0)
-    json_object_object_add(e, "module", json_object_new_int(module));
-  if (chip > 0)
-    json_object_object_add(e, "chip", json_object_new_int(chip));
+  json_object* e = json_place(module, chip);
   if (code != 0)
     json_object_object_add(e, "code", json_object_new_int(code));
   json_object_object_add(e, "message", json_text(message));
@@ -58,14 +69,18 @@ void Output::report(int module, int chip, int code, const std::string& message, 
   status_ = std::max(status_, status); // a usage error is the worst: nothing asked for was done
 }
 
-void Output::fail(int module, int chip, int code, const std::string& what)
+void Output::fail(int module, int chip, int code, const std::string& message)
 {
-  report(module, chip, code, format("%s: %s (code %d)", what.c_str(), varkel_error_string(code), code), kExitFailed);
+  report(module, chip, code, message, kExitFailed);
 }
 
-void Output::fail(int module, int chip, const std::string& what) { report(module, chip, 0, what, kExitFailed); }
-
 void Output::refuse(const std::string& what) { report(0, 0, 0, what, kExitUsage); }
+
+void Output::interrupted(int signo, const std::string& what)
+{
+  report(0, 0, 0, what, kExitSignal + signo);
+  set("signal", json_object_new_int(signo));
+}
 
 int Output::finish()
 {

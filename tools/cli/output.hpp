@@ -1,6 +1,6 @@
 // What one run of `varkel` says: text for a person, or one JSON object on standard
-// output for a script; errors always on standard error, with the library's message
-// and the module they concern. The exit status follows from what was reported.
+// output for a script; errors always on standard error, naming the module and
+// chip they concern. The exit status follows from what was reported.
 #pragma once
 
 #include <cstdio>
@@ -13,10 +13,12 @@
 namespace varkel::cli {
 
 // Exit statuses: everything succeeded, the detector or the library failed, the
-// command line itself was wrong (unknown name, bad value, bad option).
+// command line itself was wrong (unknown name, bad value, bad option); a signal
+// adds its number to 128.
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
+inline constexpr int kExitSignal = 128;
 
 struct JsonFree {
   void operator()(json_object* o) const { json_object_put(o); }
@@ -27,6 +29,11 @@ using Json = std::unique_ptr<json_object, JsonFree>;
 // 0.05000000074505806).
 json_object* json_number(double value, const char* shown = nullptr);
 json_object* json_text(const std::string& text);
+// {"module": M, "chip": C}, each left out when 0.
+json_object* json_place(int module, int chip);
+
+// "what: <the library's text for code> (code N)".
+std::string coded(const std::string& what, int code);
 
 class Output {
 public:
@@ -40,13 +47,14 @@ public:
   // Text for a person; nothing in JSON mode.
   void text(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
-  // A failure of the detector or the library: `code` is the library's result code,
-  // module and chip 0 when the failure concerns neither.
-  void fail(int module, int chip, int code, const std::string& what);
-  // A failure with no library code (a file that cannot be written, a count short).
-  void fail(int module, int chip, const std::string& what);
+  // A failure of the detector or the library: "varkel: module M chip C: message"
+  // (module and chip 0 when the failure concerns neither); `code` goes to JSON.
+  void fail(int module, int chip, int code, const std::string& message);
+  void fail(int module, int chip, const std::string& message) { fail(module, chip, 0, message); }
   // The command line asked for something that does not exist.
   void refuse(const std::string& what);
+  // The run was ended by signal `signo` after `what` was done.
+  void interrupted(int signo, const std::string& what);
 
   bool ok() const { return status_ == kExitOk; }
   // Prints the JSON object (JSON mode) and returns the exit status.
