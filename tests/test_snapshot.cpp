@@ -41,7 +41,9 @@ struct Snapshots : ::testing::TestWithParam<Model> {
   uint64_t sent() const { return counts()[0]; }
   void put(const char* name, int module, int chip, double value)
   {
-    ASSERT_EQ(varkel_setting_put(det.v, varkel_setting_find(name), module, chip, value), 0) << name;
+    varkel_failure_t f{};
+    ASSERT_EQ(varkel_setting_put(det.v, varkel_setting_find(name), module, chip, value), 0)
+        << name << ": " << (varkel_last_failure(det.v, &f), f.text);
   }
   // Values as the handle keeps them: floats.
   using Entry = std::tuple<int, int, std::string, float, float>;
@@ -112,6 +114,20 @@ TEST_P(Snapshots, RoundTripDiffsAndAppliesExactlyWhatChanged)
   EXPECT_EQ(applied, reverted);
   ASSERT_EQ(varkel_snapshot_diff(det.v, saved.path.c_str(), nullptr, &report), 0);
   EXPECT_EQ(report.count, 0u);
+}
+
+// A saved exposure longer than the period the detector holds now waits for the
+// saved period: apply writes that first, or the exposure would be refused.
+TEST_P(Snapshots, ApplyWritesTheLongerPeriodBeforeTheExposure)
+{
+  put("period", 1, 0, 2);
+  put("exposure", 1, 0, 1.5);
+  ASSERT_EQ(varkel_snapshot_save(det.v, saved.path.c_str(), &report), 0);
+  put("exposure", 1, 0, 0.01);
+  put("period", 1, 0, 0.1);
+  ASSERT_EQ(varkel_snapshot_apply(det.v, saved.path.c_str(), &report), 0) << report.message;
+  ASSERT_EQ(report.count, 2u);
+  EXPECT_EQ(std::string(report.entries[0].name) + " " + report.entries[1].name, "period exposure");
 }
 
 // Only read-backs when nothing differs; one changed DAC costs its chip selection

@@ -668,8 +668,9 @@ bool varkel::detail::same_value(const SettingRow& row, double a, double b)
     return false;
   if (row.kind != kReal)
     return a == b;
-  // Values the handle keeps as floats, replied with six decimals.
-  return std::fabs(a - b) <= 5e-7 + 1e-6 * std::fabs(a);
+  // Values the handle keeps as floats, replied with six decimals; times travel as
+  // whole microseconds cut from the float, so 0.01 s comes back as 0.009999.
+  return std::fabs(a - b) <= 1.5e-6 + 1e-6 * std::fabs(a);
 }
 
 int varkel::detail::parse_value(const SettingRow& row, const char* text, double* value)

@@ -19,6 +19,7 @@
 #include <tuple>
 #include <vector>
 
+#include "internal/acquisition_limits.hpp"
 #include "internal/analog.hpp"
 #include "internal/dac.hpp"
 #include "internal/geometry.hpp"
@@ -552,6 +553,22 @@ int varkel_snapshot_diff(varkel_t* varkel, const char* path, const char* other_p
 
 namespace {
 
+// A module's new exposure that does not fit the period it holds now waits for its
+// new period: the writes are then swapped, as an acquisition orders them.
+void order_timing(std::vector<varkel_snapshot_entry_t>& writes, const Values& now)
+{
+  for (auto e = writes.begin(); e != writes.end(); ++e) {
+    if (row_of_entry(*e).rule != Rule::exposure)
+      continue;
+    const auto p = std::find_if(
+        e, writes.end(), [&](const auto& w) { return w.module == e->module && row_of_entry(w).rule == Rule::period; });
+    const auto held = p != writes.end() ? now.find({e->module, 0, &row_of_entry(*p)}) : now.end();
+    if (p != writes.end() && held != now.end() &&
+        !exposure_fits(static_cast<float>(e->wanted), static_cast<float>(held->second)))
+      std::iter_swap(e, p);
+  }
+}
+
 // Writes the entries that differ from what the detector holds (`now`), sorted by
 // module and chip so each chip is selected once for all its writes. Returns 0,
 // VARKEL_SNAPSHOT_UNVERIFIED or the first failure's code (noted in the report).
@@ -560,6 +577,7 @@ int apply_differences(varkel_t* v, const Values& wanted, const Values& now, Outc
   // The readout mode goes last: its read-back looks at module 1's image mode.
   std::vector<varkel_snapshot_entry_t> writes = differences(wanted, now, false);
   std::stable_partition(writes.begin(), writes.end(), [](const auto& e) { return e.module != 0; });
+  order_timing(writes, now);
   const SettingRow& disabled = row_reading(Read::disabled);
   int module = -1, chip = -1, first_failure = 0;
   bool unverified = false;

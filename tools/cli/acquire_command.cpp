@@ -131,14 +131,17 @@ void setup_acquire(Commands& c)
 {
   auto q = std::make_shared<Request>();
   varkel_acquire_request_init(&q->given);
+  // As in Python: module 1 leads by default, so that a detector fresh from its
+  // defaults acquires on every module; 0 keeps the triggers as they are.
+  q->given.lead_module = 1;
   CLI::App* cmd = c.add("acquire", "take exposures; what is not given stays as the detector has it");
   cmd->add_option("--exposure", q->given.exposure, "seconds per exposure")->check(CLI::PositiveNumber);
   cmd->add_option("--period", q->given.period, "seconds from one exposure to the next")->check(CLI::NonNegativeNumber);
   cmd->add_option("--exposures", q->given.exposures, "number of exposures")->check(CLI::Range(1, INT_MAX));
   cmd->add_option("--lead", q->given.lead_module,
-                  "module whose shutter output starts the others (default: the triggers stay as they are; a module "
-                  "waiting for a trigger no one gives takes no exposures)")
-      ->check(CLI::Range(1, 4));
+                  "module whose shutter output starts the others (default 1; 0 keeps the triggers as they are, and a "
+                  "module waiting for a trigger no one gives takes no exposures)")
+      ->check(CLI::Range(0, 4));
   cmd->add_option("--png", q->png, "write the sample frame as a PNG");
   c.on(cmd, [q](Detector& d, Output& out) { run_acquire(d, out, *q); });
 }
