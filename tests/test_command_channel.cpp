@@ -1,7 +1,5 @@
 // The command channel against loopback fake controllers: bytes on the wire,
 // reply extraction and its limits, failure codes, trace, time-outs, threads.
-#include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -15,13 +13,10 @@
 #include "ethernet.h"
 #include "fake_detector.hpp"
 #include "internal/query.hpp"
-#include "link.h"
 #include "process.hpp" // the exit guard
 #include "utils.h"
 
-using namespace std::chrono_literals;
 using namespace varkel::testing;
-using varkel::detail::query_status;
 
 namespace {
 
@@ -31,12 +26,6 @@ const std::regex kStamp(R"(^\d\d:\d\d:\d\d\.\d\d\d )");
 // Four modules on four fakes, the main channel on module 4.
 class Channel : public ::testing::Test {
 protected:
-  // Module 1 answers each request with the next reply of the list.
-  void script(std::vector<Reply> replies)
-  {
-    det.module(1).set_handler(
-        [replies, n = std::make_shared<std::atomic<std::size_t>>(0)](const Request&) { return replies.at((*n)++); });
-  }
   FakeDetector det{varkelQuad};
   varkel_t* v = det.handle();
 };
@@ -60,13 +49,12 @@ TEST_F(Channel, RequestBytesGoOutOnTheChosenSocketOnly)
 
 // After each query's drain the channel's receive time-out is the handle's reply
 // bound: 600 s by default, whatever was set on a socket of the library's (module
-// 2) or on one the caller attached by hand (module 3); a bound set by
-// varkel_set_timeouts then fails a silent controller's query within it.
+// 2) or on one the caller attached by hand (module 3).
 TEST_F(Channel, QueryLeavesTheHandlesReplyTimeOut)
 {
   safe_close(v->fd[2]);
   v->fd[2] = connect_loopback(det.module(3).port());
-  const timeval none{}, five_minutes{300, 0};
+  const timeval five_minutes{300, 0};
   ASSERT_EQ(setsockopt(v->fd[2], SOL_SOCKET, SO_RCVTIMEO, &five_minutes, sizeof five_minutes), 0);
   ASSERT_EQ(set_timeout(v->fd[1], 300000000), 0);
   char result[1024];
@@ -74,24 +62,11 @@ TEST_F(Channel, QueryLeavesTheHandlesReplyTimeOut)
     ASSERT_EQ(query_and_cache(v, m, result, CMD_CONFIGURE_ROCE), 0);
     EXPECT_EQ(receive_timeout_us(v->fd[m]), 600000000);
   }
-
-  ASSERT_EQ(varkel_set_timeouts(v, 1, 0.2), 0);
-  ASSERT_EQ(setsockopt(v->fd[2], SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none), 0);
-  det.module(3).set_handler([](const Request&) {
-    Reply r = Reply::result("");
-    r.action = Reply::Action::silence;
-    return r;
-  });
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE3, result, CMD_CONFIGURE_ROCE), -1);
-  const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_GT(took, 0.15);
-  EXPECT_LT(took, 1.0);
 }
 
 TEST_F(Channel, PrintsEachRequestAndReplyWithItsChannel)
 {
-  script({Reply::raw(R"({"result":"done"})")});
+  det.module(1).set_handler([](const Request&) { return Reply::raw(R"({"result":"done"})"); });
   char result[1024];
   ::testing::internal::CaptureStdout();
   ASSERT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE1, result, CMD_RESET, 1u), 0);
@@ -121,25 +96,6 @@ TEST_F(Channel, FailuresReturnTheirCodesAndLeaveTheResult)
   EXPECT_EQ(query_and_cache(v, static_cast<varkel_thread_t>(9), result, "%s", "A"), ENOTCONN);
 }
 
-TEST_F(Channel, ParallelFanOutRunsOneWorkerPerModuleAndOrsResults)
-{
-  Rendezvous all_four(4); // each reply waits until the four requests are out
-  det.answer_all([&](const Request&) {
-    all_four.arrive();
-    return Reply::result("OK");
-  });
-  det.module(3).set_handler([&](const Request&) {
-    all_four.arrive();
-    return Reply::reset();
-  });
-  const int rc = varkel::detail::for_each_module_parallel(
-      v, [&](varkel_thread_t owner) { return query_status(v, owner, CMD_RESET, static_cast<unsigned>(owner)); });
-  EXPECT_FALSE(all_four.stalled);
-  EXPECT_EQ(rc, -1);
-  for (int m = 1; m <= 4; ++m)
-    EXPECT_EQ(det.module(m).commands(), std::vector<std::string>{"HS_Reset " + std::to_string(m - 1)});
-}
-
 // ---------------------------------------------------------------------------
 // Trace
 
@@ -167,20 +123,6 @@ protected:
   std::filesystem::path dir = std::filesystem::temp_directory_path() / ("varkel-trace-" + std::to_string(getpid()));
 };
 
-TEST_F(Trace, EveryRequestAndReplyIsTracedToLogTxt)
-{
-  varkel_set_debug_stream(v, stderr);
-  script({Reply::raw("{\"result\":\"a\nb\"}")});
-  char result[1024];
-  ASSERT_EQ(query_and_cache(v, VARKEL_THREAD_MODULE1, result, CMD_CONFIGURE_ROCE), 0);
-  const auto lines = log_lines();
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0], "Log debug file");
-  EXPECT_TRUE(std::regex_search(lines[1], kStamp)) << lines[1];
-  EXPECT_EQ(lines[1].substr(13), "[SEND] " + kHead + R"([[]],"jsonrpc":"2.0","method":"ConfigureTransport"})");
-  EXPECT_EQ(lines[2].substr(13), R"([RECV] {"result":"a\nb"})");
-}
-
 TEST_F(Trace, LinesOfConcurrentModuleThreadsStayWhole)
 {
   varkel_set_debug_stream(v, nullptr);
@@ -196,6 +138,7 @@ TEST_F(Trace, LinesOfConcurrentModuleThreadsStayWhole)
     t.join();
   const auto lines = log_lines();
   ASSERT_EQ(lines.size(), 1u + 4 * 25 * 2);
+  EXPECT_EQ(lines[0], "Log debug file");
   const std::regex whole(R"(^\d\d:\d\d:\d\d\.\d\d\d (\[SEND\] \{"id":.*"method":"Module\d_\d+"\}|)"
                          R"(\[RECV\] \{"jsonrpc":"2.0","result":"OK",.*\})$)");
   for (std::size_t i = 1; i < lines.size(); ++i)

@@ -28,9 +28,6 @@ const std::string kHead = R"({"id":"4925cfeb-4a68-4793-a9f8-18d618f428ef","param
 
 TEST(RequestBuilding, ExactBytes)
 {
-  EXPECT_EQ(request("ConfigureTransport"), kHead + R"([[]],"jsonrpc":"2.0","method":"ConfigureTransport"})");
-  EXPECT_EQ(request("TransportParams 12 4660"),
-            kHead + R"([["12","4660"]],"jsonrpc":"2.0","method":"TransportParams"})");
   EXPECT_EQ(request("HS_DacScan 5 0 255 1"), kHead + R"([["5","0","255","1"]],"jsonrpc":"2.0","method":"HS_DacScan"})");
   // Words past the fourth parameter are dropped; runs of blanks are one separator.
   EXPECT_EQ(request("  M  a b   c d e f"), kHead + R"([["a","b","c","d"]],"jsonrpc":"2.0","method":"M"})");
