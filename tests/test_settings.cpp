@@ -311,10 +311,9 @@ TEST(Settings, ValuesByNameAndNumber)
   EXPECT_EQ(face("dac-output"), (Face{"dac-output", 0, VARKEL_SETTING_REAL, -HUGE_VAL, HUGE_VAL, 0, ""}));
 }
 
-// Attaching opens the channels and sends nothing; the bounded reply gives up on
-// a silent controller (and data server) within its bound with the failed-receive
-// code; a connect nobody completes gives up with ETIMEDOUT.
-TEST(Settings, AttachSendsNothingAndTimeOutsBoundASilentController)
+// Attaching opens the channels and sends nothing; a silent data server and a
+// connect nobody completes give up within their bounds.
+TEST(Settings, AttachSendsNothingAndTimeOutsBoundASilentPeer)
 {
   FakeDetector det(varkelTrio);
   varkel_t* v = det.handle();
@@ -323,20 +322,7 @@ TEST(Settings, AttachSendsNothingAndTimeOutsBoundASilentController)
   const uint16_t ports[] = {det.module(1).port()};
   ASSERT_EQ(varkel_attach(v, hosts, ports), 0);
   EXPECT_EQ(det.all_commands(), Commands{});
-
-  det.answer_all([](const Request&) {
-    Reply r = Reply::result("");
-    r.action = Reply::Action::silence;
-    return r;
-  });
-  double value = 0;
-  const auto start = Clock::now();
-  EXPECT_EQ(varkel_setting_get(v, varkel_setting_find("exposure"), 1, 0, &value), -1);
-  const auto took = std::chrono::duration<double>(Clock::now() - start).count();
-  EXPECT_GT(took, 0.15);
-  EXPECT_LT(took, 1.0);
-
-  // The data server's greeting is bounded too.
+  // A silent controller's bound is in the workflow tests; the data server's greeting is bounded too.
   FakeDataServer data_server;
   data_server.spoil_greeting(Trigger::silence);
   const auto greeting_start = Clock::now();

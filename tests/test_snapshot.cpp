@@ -60,7 +60,7 @@ struct Snapshots : ::testing::TestWithParam<Model> {
   const Model m = GetParam();
   SimulatedDetector det{options_without_frame(m.model, {{m.module, m.off}})};
   varkel_snapshot_report_t report{};
-  TempFile saved{"saved"}, changed{"changed"};
+  TempFile saved{"saved"};
 };
 
 TEST_P(Snapshots, RoundTripDiffsAndAppliesExactlyWhatChanged)
@@ -94,9 +94,6 @@ TEST_P(Snapshots, RoundTripDiffsAndAppliesExactlyWhatChanged)
     changes.insert({module, chip, name, static_cast<float>(was), static_cast<float>(value)});
   }
   ASSERT_EQ(varkel_snapshot_diff(det.v, saved.path.c_str(), nullptr, &report), 0) << report.message;
-  EXPECT_EQ(entries(), changes);
-  ASSERT_EQ(varkel_snapshot_save(det.v, changed.path.c_str(), &report), 0);
-  ASSERT_EQ(varkel_snapshot_diff(nullptr, saved.path.c_str(), changed.path.c_str(), &report), 0);
   EXPECT_EQ(entries(), changes);
 
   const uint64_t before = sent();
@@ -219,18 +216,18 @@ INSTANTIATE_TEST_SUITE_P(Models, Snapshots,
                                            Model{varkelLite, 1, 30, 26, 36, "lite"}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// Two files: what either holds and the other lacks is a difference too (the
-// missing side NaN, here -1).
+// Two files: a value both hold otherwise, and what either holds and the other
+// lacks (the missing side NaN, here -1).
 TEST(SnapshotFiles, DiffListsValuesOfEitherFileAlone)
 {
   TempFile one("one"), two("two");
   one.write("[snapshot]\nformat=1\nmodel=trio\n[module1]\nexposure=0.5\n");
-  two.write(one.text() + "period=0.75\n[module1/chip3]\ngain=low\n");
+  two.write("[snapshot]\nformat=1\nmodel=trio\n[module1]\nexposure=0.25\nperiod=0.75\n[module1/chip3]\ngain=low\n");
   for (const auto& [first, second] : {std::pair{&one, &two}, std::pair{&two, &one}}) {
     varkel_snapshot_report_t report{};
     ASSERT_EQ(varkel_snapshot_diff(nullptr, first->path.c_str(), second->path.c_str(), &report), 0);
     std::vector<std::tuple<int, int, std::string, double, double>> found,
-        wanted = {{1, 0, "period", -1, 0.75}, {1, 3, "gain", -1, 1}};
+        wanted = {{1, 0, "exposure", 0.5, 0.25}, {1, 0, "period", -1, 0.75}, {1, 3, "gain", -1, 1}};
     for (size_t i = 0; i < report.count; ++i) {
       const varkel_snapshot_entry_t& e = report.entries[i];
       found.push_back(

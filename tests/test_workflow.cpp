@@ -161,12 +161,10 @@ TEST(Acquire, EveryEarlyEndStopsEveryModuleItStillReaches)
   } cases[] = {
       {"deadline", ETIMEDOUT, Controllers::none, 1},
       {"cancel from a thread", ECANCELED, Controllers::none, 1},
-      {"cancel from a signal handler", ECANCELED, Controllers::none, 1},
       {"refused count", VARKEL_REFUSED, Controllers::refuse, 1},
       {"closed connection", -1, Controllers::close, 2},
       {"silent controller", -1, Controllers::silence, 1},
   };
-  std::signal(SIGUSR1, [](int) { signalled = 1; });
   for (const auto& c : cases) {
     Controllers fake(c.fault, "HS_NumExposuresCounter_RBV", true, true);
     varkel_t* v = fake.det.handle();
@@ -175,13 +173,8 @@ TEST(Acquire, EveryEarlyEndStopsEveryModuleItStillReaches)
     r.deadline = c.rc == ETIMEDOUT ? 0.3 : 20;
     signalled = 0;
     r.cancel = &signalled;
-    const std::string what = c.what;
-    if (what == "cancel from a signal handler")
-      r.progress = [](const varkel_acquire_progress_t* p, void*) {
-        p->elapsed > 0.1 ? void(std::raise(SIGUSR1)) : void();
-      };
     std::thread canceller([&] {
-      if (what == "cancel from a thread") {
+      if (std::string(c.what) == "cancel from a thread") {
         std::this_thread::sleep_for(std::chrono::milliseconds(150));
         __atomic_store_n(&signalled, 1, __ATOMIC_RELEASE); // as a caller's thread would
       }
@@ -195,7 +188,6 @@ TEST(Acquire, EveryEarlyEndStopsEveryModuleItStillReaches)
     for (int m = c.first_stopped; m <= 4; ++m)
       EXPECT_EQ(std::count(log.begin(), log.end(), std::to_string(m) + ":HS_Acquire_Command 1 0"), 1) << c.what << m;
   }
-  std::signal(SIGUSR1, SIG_DFL);
 }
 
 TEST(Acquire, ReportsProgressUntilEveryExposureIsDoneOnTheSimulator)

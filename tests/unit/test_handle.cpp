@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "decode.h"
@@ -52,21 +53,13 @@ TEST(HandleDeathTest, DeleteOfNullAsserts) { EXPECT_DEATH(varkel_delete(nullptr)
 
 TEST(ErrorString, EveryCode)
 {
-  const char* expected[] = {"Success",
-                            "Address not found",
-                            "Read message error",
-                            "Command failed",
-                            "Invalid dac field",
-                            "Dac value out of range",
-                            "Data server disconnected",
-                            "Invalid module number",
-                            "Data server parse error",
-                            "Requested bit rate is above 200 Mbps",
-                            "Total number of images is above 16.383",
-                            "Invalid omr field",
-                            "Omr Parameter out of range"};
+  std::string texts;
   for (int i = 0; i <= 12; ++i)
-    EXPECT_STREQ(varkel_error_string(-i), expected[i]) << -i;
+    texts += std::string(varkel_error_string(-i)) + "|";
+  EXPECT_EQ(texts,
+            "Success|Address not found|Read message error|Command failed|Invalid dac field|Dac value out of "
+            "range|Data server disconnected|Invalid module number|Data server parse error|Requested bit rate is "
+            "above 200 Mbps|Total number of images is above 16.383|Invalid omr field|Omr Parameter out of range|");
   for (int code : {-13, -14, -100, -110, INT32_MIN})
     EXPECT_STREQ(varkel_error_string(code), "Invalid error number") << code;
   EXPECT_STREQ(varkel_error_string(-101), "Snapshot file missing or malformed");
@@ -94,9 +87,7 @@ TEST(DecoderQuad, TellingRows)
                       {78, LW_RT, 2, 11}, {83, LW_RT, 2, 6}, {132, LW_LT, 0, 0}, {143, LW_RT, 0, 0}};
   for (const Row& r : rows) {
     const sensor& s = decoderQuad[r.index];
-    EXPECT_EQ(s.module, r.module) << r.index;
-    EXPECT_EQ(s.mfb, r.mfb) << r.index;
-    EXPECT_EQ(s.chipId, r.chip) << r.index;
+    EXPECT_EQ(std::tuple(s.module, s.mfb, s.chipId), std::tuple(r.module, r.mfb, r.chip)) << r.index;
   }
   // Every chip of every module appears exactly once.
   std::set<std::array<int, 3>> seen;
@@ -151,26 +142,19 @@ TEST(Predicates, HandleBoundsAndFloats)
   varkel_t* trio = varkel_new(varkelTrio);
   varkel_t* quad = varkel_new(varkelQuad);
   ::testing::internal::GetCapturedStdout();
-  EXPECT_TRUE(validate_number_chip_mfb(trio, 12)); // the upper bound itself is accepted
-  EXPECT_FALSE(validate_number_chip_mfb(trio, 13));
-  EXPECT_TRUE(validate_number_boards(trio, 2));
-  EXPECT_FALSE(validate_number_boards(trio, 3));
-  EXPECT_FALSE(validate_module(trio, 2));
-  EXPECT_TRUE(validate_module(quad, 4));
-  EXPECT_FALSE(validate_module(quad, 0));
+  // Upper bounds themselves are accepted.
+  EXPECT_EQ((std::array{validate_number_chip_mfb(trio, 12), validate_number_chip_mfb(trio, 13),
+                        validate_number_boards(trio, 2), validate_number_boards(trio, 3), validate_module(trio, 2),
+                        validate_module(quad, 4), validate_module(quad, 0)}),
+            (std::array{true, false, true, false, false, true, false}));
   varkel_delete(trio);
   varkel_delete(quad);
 
-  EXPECT_TRUE(validate_acquire_period(0.0f));
-  EXPECT_TRUE(validate_acquire_period(0.02f));
-  EXPECT_FALSE(validate_acquire_period(0.01f));
-  EXPECT_FALSE(validate_temperature(19.9f));
-  EXPECT_TRUE(validate_temperature(120.0f));
-  EXPECT_FALSE(validate_temperature(NAN));
-  EXPECT_TRUE(validate_bias_voltage(100.0f));
-  EXPECT_FALSE(validate_bias_voltage(INFINITY));
-  EXPECT_TRUE(validate_extBg(1.0f));
-  EXPECT_FALSE(validate_extBg(1.01f));
+  EXPECT_EQ((std::array{validate_acquire_period(0.0f), validate_acquire_period(0.02f), validate_acquire_period(0.01f),
+                        validate_temperature(19.9f), validate_temperature(120.0f), validate_temperature(NAN),
+                        validate_bias_voltage(100.0f), validate_bias_voltage(INFINITY), validate_extBg(1.0f),
+                        validate_extBg(1.01f)}),
+            (std::array{true, true, false, false, true, false, true, false, true, false}));
 }
 
 } // namespace
