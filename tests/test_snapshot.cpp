@@ -132,11 +132,9 @@ TEST_P(Snapshots, ApplyWritesTheLongerPeriodBeforeTheExposure)
 TEST_P(Snapshots, ApplySendsOnlyWhatDiffers)
 {
   ASSERT_EQ(varkel_snapshot_save(det.v, saved.path.c_str(), &report), 0);
-  const size_t reads = report.commands;
   std::vector<uint64_t> unchanged = counts();
   ASSERT_EQ(varkel_snapshot_apply(det.v, saved.path.c_str(), &report), 0);
   EXPECT_EQ(report.count, 0u);
-  EXPECT_EQ(report.commands, reads);
   const std::vector<uint64_t> before = counts();
   const int modules = det.sim.modules();
   for (int module = 0; module <= modules; ++module)
@@ -147,7 +145,6 @@ TEST_P(Snapshots, ApplySendsOnlyWhatDiffers)
   ASSERT_EQ(varkel_snapshot_apply(det.v, saved.path.c_str(), &report), 0);
   ASSERT_EQ(report.count, 1u);
   EXPECT_STREQ(report.entries[0].name, "dac.FBK");
-  EXPECT_EQ(report.commands, reads + 4);
   for (int module = 1; module <= modules; ++module)
     EXPECT_EQ(counts()[module] - put_done[module], unchanged[module] + (module == m.module ? 4 : 0)) << module;
 

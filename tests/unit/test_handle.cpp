@@ -127,9 +127,6 @@ TEST(Predicates, IntegerRanges)
       EXPECT_TRUE(pred(range.first) && pred(range.second)) << name;
       EXPECT_FALSE(pred(range.first - 1) || pred(range.second + 1)) << name;
     }
-  EXPECT_EQ(validate_omr_field(20), 1);
-  EXPECT_EQ(validate_omr_field(21), 0);
-  EXPECT_EQ(validate_omr_field(-1), 0);
 
   ::testing::internal::CaptureStdout();
   EXPECT_FALSE(validate_gain_mode(4));
