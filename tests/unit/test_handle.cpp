@@ -128,6 +128,7 @@ TEST(Predicates, IntegerRanges)
       EXPECT_FALSE(pred(range.first - 1) || pred(range.second + 1)) << name;
     }
 
+  EXPECT_EQ(std::tuple(validate_omr_field(20), validate_omr_field(21), validate_omr_field(-1)), std::tuple(1, 0, 0));
   ::testing::internal::CaptureStdout();
   EXPECT_FALSE(validate_gain_mode(4));
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "inside gain mode validate-> Value: 4\n");
