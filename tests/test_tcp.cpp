@@ -26,9 +26,8 @@ TEST(Tcp, ResolvesIpv4OnlyWithThePortInNetworkOrder)
 {
   sockaddr_in addr{};
   ASSERT_EQ(get_address("127.0.0.1", 0x1234, &addr), 0);
-  EXPECT_EQ(addr.sin_family, AF_INET);
-  EXPECT_EQ(addr.sin_port, htons(0x1234));
-  EXPECT_EQ(addr.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+  EXPECT_EQ(std::tuple(addr.sin_family, addr.sin_port, addr.sin_addr.s_addr),
+            std::tuple(sa_family_t{AF_INET}, htons(0x1234), htonl(INADDR_LOOPBACK)));
   ASSERT_EQ(get_address("localhost", 80, &addr), 0);
   EXPECT_EQ(addr.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
   EXPECT_EQ(get_address("::1", 80, &addr), -1); // IPv6 only
