@@ -68,9 +68,9 @@ inline long long receive_timeout_us(int fd)
 }
 
 // Starts `args` (the program first) with `env` added to the environment, its
-// stdout and stderr into `out` unless that is -1. Returns its process id, -1 when
-// it cannot.
-inline pid_t spawn(std::vector<std::string> args, int out, std::vector<std::string> env = {})
+// stdout into `out` and stderr into `err` (into `out` when that is -1), unless
+// that is -1. Returns its process id, -1 when it cannot.
+inline pid_t spawn(std::vector<std::string> args, int out, std::vector<std::string> env = {}, int err = -1)
 {
   std::vector<char*> argv, envp;
   for (std::string& a : args)
@@ -85,7 +85,7 @@ inline pid_t spawn(std::vector<std::string> args, int out, std::vector<std::stri
   posix_spawn_file_actions_init(&actions);
   if (out >= 0) {
     posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out, STDERR_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err >= 0 ? err : out, STDERR_FILENO);
   }
   pid_t pid = -1;
   if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0)
@@ -94,11 +94,14 @@ inline pid_t spawn(std::vector<std::string> args, int out, std::vector<std::stri
   return pid;
 }
 
-// The exit status of process `pid` once it has ended; -1 when it did not exit.
+// The exit status of process `pid` once it has ended, 128 + the signal that ended
+// it (as a shell tells), -1 when it cannot tell.
 inline int exit_status(pid_t pid)
 {
   int status = 0;
-  return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  if (pid <= 0 || waitpid(pid, &status, 0) != pid)
+    return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
 } // namespace varkel::testing
