@@ -2,16 +2,12 @@
 // files on every module, their read-back, a bias ramp on every board, the
 // band-gap defaults; presence check, re-initialisation and temperatures with one
 // chip missing.
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <unistd.h>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include "files.hpp"
 #include "simulated_detector.hpp"
 #include "utils.h"
-#include "varkel.h"
 
 namespace {
 

@@ -2,19 +2,15 @@
 // around it: a missing chip and a link that stays down, saving, and a simulator
 // started apart beside it. The records' fields are packed: the
 // assertions take copies of them (unary +).
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <thread>
 #include <tuple>
-#include <unistd.h>
 
-#include "link.h"
 #include "process.hpp"
 #include "simulated_detector.hpp"
-#include "varkel.h"
 
 namespace {
 
@@ -46,16 +42,13 @@ bool acquire(varkel_t* v)
 // A library handle driving a simulator of the same model.
 struct Detector : varkel::testing::SimulatedDetector {
   using SimulatedDetector::SimulatedDetector;
-
-  bool configure(float exposure, float period, int exposures) { return ::configure(v, exposure, period, exposures); }
   // The typical use from the acquisition parameters to the sample frame: true when
   // every step succeeds. Models without a frame segment cannot be prepared.
   bool run(int exposures)
   {
-    return configure(0.004f, 0.008f, exposures) && prepare_varkel(v) == (sim.segment_name().empty() ? -1 : 0) &&
-           acquire();
+    return configure(v, 0.004f, 0.008f, exposures) && prepare_varkel(v) == (sim.segment_name().empty() ? -1 : 0) &&
+           acquire(v);
   }
-  bool acquire() { return ::acquire(v); }
 };
 
 // Chip `index` of the frame is (module * 3 + board) * 12 + position.
@@ -115,12 +108,12 @@ TEST(TypicalUseWithFaults, AMissingChipStaysDarkAndAModuleOffTheLinkDeliversNoth
 TEST(Controls, TheDataServerCountsWhatWasSaved)
 {
   Detector d(varkel::testing::options_for(varkelTrio));
-  ASSERT_TRUE(d.connected == 0 && d.configure(0.004f, 0.008f, 3) && prepare_varkel(d.v) == 0);
+  ASSERT_TRUE(d.connected == 0 && configure(d.v, 0.004f, 0.008f, 3) && prepare_varkel(d.v) == 0);
   ASSERT_EQ(update_backend_acqArgs(d.v, VARKEL_MEDIPIX_MODE_DEFAULT, false, SAVE_DURING, true, 1, 5), 0);
   ASSERT_EQ(set_file_name_template(d.v, "/run.h5"), 0);
   d.v->acquireParam.numCapture = 1;
   ASSERT_EQ(send_acqArgs_toBackend(d.v), 0);
-  ASSERT_TRUE(d.acquire());
+  ASSERT_TRUE(acquire(d.v));
   uint64_t saved = 0;
   ASSERT_EQ(get_saveStatus_fromBackend(d.v, &saved), 0);
   EXPECT_EQ(std::tuple(saved, +d.v->saveargs.done, +d.v->saveargs.savedFrameNum), std::tuple(1u, +DONE, 3u));
@@ -178,7 +171,7 @@ TEST(Isolation, TwoSimulatorsSideBySideEachDeliverTheirOwnFrame)
     ports += " " + std::to_string(p);
   const pid_t driver = spawn({"/proc/self/exe", "--gtest_filter=Isolation.DriveTheSimulatorApart"}, -1, {ports});
   Detector d(varkel::testing::options_for(varkelQuad));
-  ASSERT_TRUE(d.connected == 0 && d.configure(0.004f, 0.008f, 50) && prepare_varkel(d.v) == 0 && d.acquire());
+  ASSERT_TRUE(d.connected == 0 && configure(d.v, 0.004f, 0.008f, 50) && prepare_varkel(d.v) == 0 && acquire(d.v));
   const auto frame = d.sim.frame();
   EXPECT_EQ(std::memcmp(d.v->sample_frame, frame.data(), frame.size_bytes()), 0);
   EXPECT_GT(chip_sum(frame, 24), 0);
@@ -193,13 +186,11 @@ TEST(Isolation, DriveTheSimulatorApart)
   const char* given = std::getenv("VARKEL_APART");
   if (given == nullptr)
     GTEST_SKIP() << "run by TwoSimulatorsSideBySideEachDeliverTheirOwnFrame";
-  unsigned data = 0, m[4] = {};
-  ASSERT_EQ(std::sscanf(given, "%u %u %u %u %u", &data, &m[0], &m[1], &m[2], &m[3]), 5);
-  const uint16_t ports[4] = {static_cast<uint16_t>(m[0]), static_cast<uint16_t>(m[1]), static_cast<uint16_t>(m[2]),
-                             static_cast<uint16_t>(m[3])};
+  uint16_t data = 0, ports[4] = {};
+  ASSERT_EQ(std::sscanf(given, "%hu %hu %hu %hu %hu", &data, &ports[0], &ports[1], &ports[2], &ports[3]), 5);
   const char* hosts[4] = {"127.0.0.1", "127.0.0.1", "127.0.0.1", "127.0.0.1"};
   varkel_t* v = varkel_new(varkelQuad);
-  ASSERT_EQ(varkel_connect_backend(v, "127.0.0.1", static_cast<uint16_t>(data)) | varkel_connect(v, hosts, ports), 0);
+  ASSERT_EQ(varkel_connect_backend(v, "127.0.0.1", data) | varkel_connect(v, hosts, ports), 0);
   EXPECT_EQ(varkel_identify(v, nullptr, 0), 1);
   ASSERT_TRUE(configure(v, 0.004f, 0.008f, 50) && prepare_varkel(v) == 0 && acquire(v));
   const std::span<const int32_t> frame(v->sample_frame, v->frame_size);
