@@ -33,7 +33,7 @@ Reply Reply::split(std::string text, std::size_t at, std::chrono::microseconds t
 }
 Reply Reply::close() { return as_reply(verbatim({}), Mode::close); }
 Reply Reply::reset() { return as_reply(verbatim({}), Mode::reset); }
-Reply Reply::oversize(std::size_t size) { return raw("{\"result\":\"" + std::string(size - 14, 'x') + "\"}"); }
+Reply Reply::oversize(std::size_t size) { return raw("{\"result\":\"" + std::string(size - 13, 'x') + "\"}"); }
 Reply Reply::not_json() { return raw("this is not json"); }
 
 FakeController::FakeController(Handler handler)
