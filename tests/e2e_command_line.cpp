@@ -60,7 +60,7 @@ std::unique_ptr<Run> varkel(
   args.insert(args.end(), std::istream_iterator<std::string>(in), {});
   const int fd[2] = {open(out.path.c_str(), O_WRONLY | O_CREAT, 0644),
                      open(err.path.c_str(), O_WRONLY | O_CREAT, 0644)};
-  const pid_t pid = varkel::testing::spawn(args, fd[0], {}, fd[1]);
+  const pid_t pid = varkel::testing::spawn(args, fd[0], fd[1]);
   close(fd[0]);
   close(fd[1]);
   meanwhile(pid);
