@@ -188,7 +188,7 @@ TEST(CommandLine, RefusingAndSilentControllersAreNamedWithTheirCommand)
   };
   for (const auto& [command, reply, args, says] : cases) {
     // Otherwise a one-board controller with every chip there, as the presence check sees it.
-    FakeController fake([&](const Request& q) {
+    FakeController fake([&, command = command, reply = reply](const Request& q) {
       if (q.command() == command)
         return reply;
       if (q.method == "SelectMedipixBoard_Command" || q.method == "HS_ImgChipNumberID_Command")
