@@ -1,20 +1,18 @@
 // The typical use, end to end, against the simulator running in this process, and
-// around it: a missing chip and a link that stays down, saving, and a simulator
-// started apart beside it. The records' fields are packed: the
-// assertions take copies of them (unary +).
-#include <cstdlib>
+// around it: a missing chip and a link that stays down, saving, monitoring and
+// re-initialisation, and a simulator started apart beside it. The records' fields
+// are packed: the assertions take copies of them (unary +).
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <thread>
 #include <tuple>
-#include <unistd.h>
 
-#include "link.h"
+#include "files.hpp"
 #include "process.hpp"
 #include "simulated_detector.hpp"
-#include "varkel.h"
 
 namespace {
 
@@ -46,16 +44,13 @@ bool acquire(varkel_t* v)
 // A library handle driving a simulator of the same model.
 struct Detector : varkel::testing::SimulatedDetector {
   using SimulatedDetector::SimulatedDetector;
-
-  bool configure(float exposure, float period, int exposures) { return ::configure(v, exposure, period, exposures); }
   // The typical use from the acquisition parameters to the sample frame: true when
   // every step succeeds. Models without a frame segment cannot be prepared.
   bool run(int exposures)
   {
-    return configure(0.004f, 0.008f, exposures) && prepare_varkel(v) == (sim.segment_name().empty() ? -1 : 0) &&
-           acquire();
+    return configure(v, 0.004f, 0.008f, exposures) && prepare_varkel(v) == (sim.segment_name().empty() ? -1 : 0) &&
+           acquire(v);
   }
-  bool acquire() { return ::acquire(v); }
 };
 
 // Chip `index` of the frame is (module * 3 + board) * 12 + position.
@@ -115,15 +110,52 @@ TEST(TypicalUseWithFaults, AMissingChipStaysDarkAndAModuleOffTheLinkDeliversNoth
 TEST(Controls, TheDataServerCountsWhatWasSaved)
 {
   Detector d(varkel::testing::options_for(varkelTrio));
-  ASSERT_TRUE(d.connected == 0 && d.configure(0.004f, 0.008f, 3) && prepare_varkel(d.v) == 0);
+  ASSERT_TRUE(d.connected == 0 && configure(d.v, 0.004f, 0.008f, 3) && prepare_varkel(d.v) == 0);
   ASSERT_EQ(update_backend_acqArgs(d.v, VARKEL_MEDIPIX_MODE_DEFAULT, false, SAVE_DURING, true, 1, 5), 0);
   ASSERT_EQ(set_file_name_template(d.v, "/run.h5"), 0);
   d.v->acquireParam.numCapture = 1;
   ASSERT_EQ(send_acqArgs_toBackend(d.v), 0);
-  ASSERT_TRUE(d.acquire());
+  ASSERT_TRUE(acquire(d.v));
   uint64_t saved = 0;
   ASSERT_EQ(get_saveStatus_fromBackend(d.v, &saved), 0);
   EXPECT_EQ(std::tuple(saved, +d.v->saveargs.done, +d.v->saveargs.savedFrameNum), std::tuple(1u, +DONE, 3u));
+}
+
+// Presence check, re-initialisation with the example DAC files and temperatures,
+// module 3 lacking chip 17.
+TEST(Monitoring, PresenceResetAndTemperaturesOnTheSimulator)
+{
+  varkel::testing::SimulatedDetector d(varkel::testing::options_without_frame(varkelQuad, {{3, 17}}));
+  varkel_t* v = d.v;
+  ASSERT_EQ(d.connected | check_and_disable_sensors(v), 0);
+  for (int m = 0; m < 4; ++m)
+    for (int c = 0; c < 36; ++c)
+      EXPECT_EQ(v->sensor_disabled[m][c], m == 2 && c == 16) << m << ":" << c;
+
+  // A reset drops the links; the re-initialisation brings them back and loads the files.
+  const auto reset_and_init = [&] {
+    return varkel::testing::in_directory(VARKEL_SOURCE_DIR,
+                                         [&] { return varkel_reset_and_init(v, "examples/dacs/index.ini"); });
+  };
+  EXPECT_EQ(reset_and_init(), 0);
+  for (int m = 1; m <= 4; ++m)
+    EXPECT_TRUE(d.sim.module(m).link_up) << m;
+
+  // Temperatures: plausible, warmer chips than boards, a spread between modules.
+  EXPECT_EQ(US_GetTemperature(v) | US_GetMFBTemperature(v), 0);
+  const auto& p = v->varkelParam;
+  for (int m = 0; m < 4; ++m) {
+    const auto [low, high] = std::minmax_element(std::begin(p.mfb_temperature[m]), std::end(p.mfb_temperature[m]));
+    EXPECT_TRUE(*low > 20.0f && *high < p.avg_chip_temperature[m] && p.avg_chip_temperature[m] < 50.0f) << m;
+  }
+  EXPECT_LT(p.avg_chip_temperature[0], p.avg_chip_temperature[3]);
+
+  // Module 1 unreachable: the later steps still run, the files still reach module 2.
+  ::close(v->fd[0]);
+  v->fd[0] = 0;
+  const uint64_t before = d.sim.commands(2);
+  EXPECT_EQ(reset_and_init(), ENOTCONN);
+  EXPECT_EQ(d.sim.commands(2) - before, 1 + 14 + 36 * 6u);
 }
 
 // varkel-sim started apart, as a user would, what it prints read until it is
@@ -159,10 +191,9 @@ struct SimProcess {
   uint16_t data_port = 0;
 };
 
-// Two simulators, each with a segment of its own, acquire at once: one started
-// apart and driven from another process (the library times one acquisition per
-// process), found by its identity alone, and one in this process. A third on the
-// first one's segment refuses to start.
+// Two simulators, each with a segment of its own, deliver their own frames: one
+// started apart, found by its identity alone (chip 1 of module 1 dark), and one in
+// this process. A third on the first one's segment refuses to start.
 TEST(Isolation, TwoSimulatorsSideBySideEachDeliverTheirOwnFrame)
 {
   const std::string name = sim::own_segment_name();
@@ -173,39 +204,20 @@ TEST(Isolation, TwoSimulatorsSideBySideEachDeliverTheirOwnFrame)
   EXPECT_EQ(third.output, "varkel-sim: segment " + name + " is in use by another simulator (pid " +
                               std::to_string(apart.pid) + ")\n");
 
-  std::string ports = "VARKEL_APART=" + std::to_string(apart.data_port);
-  for (uint16_t p : apart.module_ports)
-    ports += " " + std::to_string(p);
-  const pid_t driver = spawn({"/proc/self/exe", "--gtest_filter=Isolation.DriveTheSimulatorApart"}, -1, {ports});
+  const char* hosts[4] = {"127.0.0.1", "127.0.0.1", "127.0.0.1", "127.0.0.1"};
+  const std::unique_ptr<varkel_t, void (*)(varkel_t*)> v(varkel_new(varkelQuad), varkel_delete);
+  ASSERT_EQ(varkel_connect_backend(v.get(), "127.0.0.1", apart.data_port) |
+                varkel_connect(v.get(), hosts, apart.module_ports.data()),
+            0);
+  EXPECT_EQ(varkel_identify(v.get(), nullptr, 0), 1);
   Detector d(varkel::testing::options_for(varkelQuad));
-  ASSERT_TRUE(d.connected == 0 && d.configure(0.004f, 0.008f, 50) && prepare_varkel(d.v) == 0 && d.acquire());
+  for (varkel_t* h : {v.get(), d.v})
+    ASSERT_TRUE(configure(h, 0.004f, 0.008f, 4) && prepare_varkel(h) == 0 && acquire(h));
+  const std::span<const int32_t> other(v->sample_frame, v->frame_size);
+  EXPECT_EQ(std::pair(chip_sum(other, 24), chip_sum(other, 25) > 0), std::pair(int64_t{0}, true));
   const auto frame = d.sim.frame();
   EXPECT_EQ(std::memcmp(d.v->sample_frame, frame.data(), frame.size_bytes()), 0);
   EXPECT_GT(chip_sum(frame, 24), 0);
-  EXPECT_EQ(exit_status(driver), 0) << "the typical use on the simulator apart failed";
-}
-
-// The other process of the test above: the typical use on the simulator apart,
-// whose ports VARKEL_APART gives ("DATA M1 M2 M3 M4"); its frame is that
-// simulator's (chip 1 of module 1 dark).
-TEST(Isolation, DriveTheSimulatorApart)
-{
-  const char* given = std::getenv("VARKEL_APART");
-  if (given == nullptr)
-    GTEST_SKIP() << "run by TwoSimulatorsSideBySideEachDeliverTheirOwnFrame";
-  unsigned data = 0, m[4] = {};
-  ASSERT_EQ(std::sscanf(given, "%u %u %u %u %u", &data, &m[0], &m[1], &m[2], &m[3]), 5);
-  const uint16_t ports[4] = {static_cast<uint16_t>(m[0]), static_cast<uint16_t>(m[1]), static_cast<uint16_t>(m[2]),
-                             static_cast<uint16_t>(m[3])};
-  const char* hosts[4] = {"127.0.0.1", "127.0.0.1", "127.0.0.1", "127.0.0.1"};
-  varkel_t* v = varkel_new(varkelQuad);
-  ASSERT_EQ(varkel_connect_backend(v, "127.0.0.1", static_cast<uint16_t>(data)) | varkel_connect(v, hosts, ports), 0);
-  EXPECT_EQ(varkel_identify(v, nullptr, 0), 1);
-  ASSERT_TRUE(configure(v, 0.004f, 0.008f, 50) && prepare_varkel(v) == 0 && acquire(v));
-  const std::span<const int32_t> frame(v->sample_frame, v->frame_size);
-  EXPECT_EQ(chip_sum(frame, 24), 0);
-  EXPECT_GT(chip_sum(frame, 25), 0);
-  varkel_delete(v);
 }
 
 } // namespace

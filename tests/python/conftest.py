@@ -48,20 +48,18 @@ class Controller:
             threading.Thread(target=self._serve, args=(conn,), daemon=True).start()
 
     def _serve(self, conn):
-        text, decoder = "", json.JSONDecoder()
-        with conn:
+        text = ""
+        with conn:  # the library sends a request once the one before is answered or given up
             while data := conn.recv(4096):
                 text += data.decode()
-                while text.strip():
-                    try:
-                        request, end = decoder.raw_decode(text.lstrip())
-                    except ValueError:
-                        break  # the rest of the request is on its way
-                    text = text.lstrip()[end:]
-                    reply = self.answer(request["method"], " ".join([request["method"], *request["params"][0]]))
-                    if reply is not None:
-                        member = reply[1] if reply[0] == "result" else {"code": -32000, "message": reply[1]}
-                        conn.sendall(json.dumps({"jsonrpc": "2.0", "id": request["id"], reply[0]: member}).encode())
+                try:
+                    request, text = json.loads(text), ""
+                except ValueError:
+                    continue  # the rest of the request is on its way
+                reply = self.answer(request["method"], " ".join([request["method"], *request["params"][0]]))
+                if reply is not None:
+                    member = reply[1] if reply[0] == "result" else {"code": -32000, "message": reply[1]}
+                    conn.sendall(json.dumps({"jsonrpc": "2.0", "id": request["id"], reply[0]: member}).encode())
 
 
 @pytest.fixture

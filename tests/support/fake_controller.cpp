@@ -1,5 +1,6 @@
-#include "fake_controller.hpp"
+#include "fake_detector.hpp"
 
+#include <stdexcept>
 #include <unistd.h>
 
 #include "ethernet.h"
@@ -32,12 +33,7 @@ Reply Reply::split(std::string text, std::size_t at, std::chrono::microseconds t
 }
 Reply Reply::close() { return as_reply(verbatim({}), Mode::close); }
 Reply Reply::reset() { return as_reply(verbatim({}), Mode::reset); }
-Reply Reply::oversize(std::size_t size)
-{
-  const std::string head = "{\"result\":\"";
-  const std::string tail = "\"}";
-  return raw(head + std::string(size - head.size() - tail.size(), 'x') + tail);
-}
+Reply Reply::oversize(std::size_t size) { return raw("{\"result\":\"" + std::string(size - 13, 'x') + "\"}"); }
 Reply Reply::not_json() { return raw("this is not json"); }
 
 FakeController::FakeController(Handler handler)
@@ -75,12 +71,6 @@ std::vector<std::string> FakeController::commands() const
   return out;
 }
 
-std::size_t FakeController::request_count() const
-{
-  std::lock_guard lock(mutex_);
-  return transcript_.size();
-}
-
 void FakeController::clear()
 {
   std::lock_guard lock(mutex_);
@@ -107,12 +97,55 @@ sim::Answer FakeController::answer(const Request& request)
 int connect_loopback(uint16_t port)
 {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0 || socket_connect(fd, "127.0.0.1", port, VARKEL_MODULE_TIMEOUT_US) != 0) {
-    if (fd >= 0)
-      ::close(fd);
-    return -1;
+  if (fd >= 0 && socket_connect(fd, "127.0.0.1", port, VARKEL_MODULE_TIMEOUT_US) == 0)
+    return fd;
+  ::close(fd); // harmless when there is no socket
+  return -1;
+}
+
+FakeDetector::FakeDetector(varkel_detector_model_t model)
+{
+  v_ = varkel_new(model);
+  for (int m = 0; m < v_->max_num_modules; ++m) {
+    fakes_.push_back(std::make_unique<FakeController>());
+    v_->fd[m] = connect_loopback(fakes_.back()->port());
+    if (v_->fd[m] <= 0)
+      throw std::runtime_error("cannot connect to the fake controller");
   }
-  return fd;
+  v_->varkel_interface = v_->fd[v_->max_num_modules - 1];
+  v_->varkel_module = v_->max_num_modules;
+}
+
+FakeDetector::~FakeDetector() { varkel_delete(v_); }
+
+int FakeDetector::connect(std::vector<uint16_t> ports)
+{
+  ports.resize(fakes_.size());
+  for (std::size_t m = 0; m < fakes_.size(); ++m)
+    ports[m] = ports[m] != 0 ? ports[m] : fakes_[m]->port();
+  const std::vector<const char*> hosts(fakes_.size(), "127.0.0.1");
+  return varkel_connect(v_, hosts.data(), ports.data());
+}
+
+void FakeDetector::answer_all(const FakeController::Handler& handler)
+{
+  for (auto& f : fakes_)
+    f->set_handler(handler);
+}
+
+std::vector<std::string> FakeDetector::all_commands() const
+{
+  std::vector<std::string> out;
+  for (std::size_t m = 0; m < fakes_.size(); ++m)
+    for (const auto& c : fakes_[m]->commands())
+      out.push_back(std::to_string(m + 1) + ":" + c);
+  return out;
+}
+
+void FakeDetector::clear()
+{
+  for (auto& f : fakes_)
+    f->clear();
 }
 
 } // namespace varkel::testing

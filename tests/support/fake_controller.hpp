@@ -16,9 +16,7 @@
 
 namespace varkel::testing {
 
-using loopback::arm_reset;
 using loopback::LoopbackServer;
-using loopback::send_all;
 
 // raw, method, params, and command(): method and parameters joined by blanks.
 using Request = sim::Call;
@@ -58,7 +56,7 @@ public:
 
   std::vector<Request> transcript() const;
   std::vector<std::string> commands() const;
-  std::size_t request_count() const;
+  std::size_t request_count() const { return transcript().size(); }
   void clear();
 
 private:

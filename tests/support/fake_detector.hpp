@@ -2,12 +2,7 @@
 // module, the main channel on the last module (as after connecting).
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
 
 #include "fake_controller.hpp"
 #include "varkel.h"

@@ -67,38 +67,36 @@ inline long long receive_timeout_us(int fd)
   return getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len) == 0 ? tv.tv_sec * 1000000LL + tv.tv_usec : -1;
 }
 
-// Starts `args` (the program first) with `env` added to the environment, its
-// stdout and stderr into `out` unless that is -1. Returns its process id, -1 when
+// Starts `args` (the program first), its stdout into `out` and stderr into `err`
+// (into `out` when that is -1), unless that is -1. Returns its process id, -1 when
 // it cannot.
-inline pid_t spawn(std::vector<std::string> args, int out, std::vector<std::string> env = {})
+inline pid_t spawn(std::vector<std::string> args, int out, int err = -1)
 {
-  std::vector<char*> argv, envp;
+  std::vector<char*> argv;
   for (std::string& a : args)
     argv.push_back(a.data());
-  for (std::string& e : env)
-    envp.push_back(e.data());
-  for (char** e = environ; *e != nullptr; ++e)
-    envp.push_back(*e);
   argv.push_back(nullptr);
-  envp.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   if (out >= 0) {
     posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out, STDERR_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err >= 0 ? err : out, STDERR_FILENO);
   }
   pid_t pid = -1;
-  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0)
+  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
     pid = -1;
   posix_spawn_file_actions_destroy(&actions);
   return pid;
 }
 
-// The exit status of process `pid` once it has ended; -1 when it did not exit.
+// The exit status of process `pid` once it has ended, 128 + the signal that ended
+// it (as a shell tells), -1 when it cannot tell.
 inline int exit_status(pid_t pid)
 {
   int status = 0;
-  return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  if (pid <= 0 || waitpid(pid, &status, 0) != pid)
+    return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
 } // namespace varkel::testing
