@@ -22,6 +22,8 @@ struct Model {
   int module, off, chip, other_chip;
   const char* name;
 };
+// By name: gtest would otherwise print the bytes, padding included.
+void PrintTo(const Model& m, std::ostream* out) { *out << m.name; }
 
 struct Snapshots : ::testing::TestWithParam<Model> {
   void SetUp() override
