@@ -210,9 +210,19 @@ TEST(Isolation, TwoSimulatorsSideBySideEachDeliverTheirOwnFrame)
                 varkel_connect(v.get(), hosts, apart.module_ports.data()),
             0);
   EXPECT_EQ(varkel_identify(v.get(), nullptr, 0), 1);
+  // The command line acquires from the simulator apart while this process
+  // acquires from its own, each about a second.
+  std::vector<std::string> cli = {VARKEL_CLI, "--data-server", "127.0.0.1:" + std::to_string(apart.data_port)};
+  for (uint16_t port : apart.module_ports)
+    cli.insert(cli.end(), {"--module", "127.0.0.1:" + std::to_string(port)});
+  cli.insert(cli.end(), {"acquire", "--exposures", "100", "--exposure", "0.004", "--period", "0.01"});
+  const int quiet = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  const pid_t side = spawn(cli, quiet);
+  close(quiet);
   Detector d(varkel::testing::options_for(varkelQuad));
-  for (varkel_t* h : {v.get(), d.v})
-    ASSERT_TRUE(configure(h, 0.004f, 0.008f, 4) && prepare_varkel(h) == 0 && acquire(h));
+  ASSERT_TRUE(configure(d.v, 0.004f, 0.01f, 100) && prepare_varkel(d.v) == 0 && acquire(d.v));
+  EXPECT_EQ(exit_status(side), 0);
+  ASSERT_TRUE(configure(v.get(), 0.004f, 0.008f, 4) && prepare_varkel(v.get()) == 0 && acquire(v.get()));
   const std::span<const int32_t> other(v->sample_frame, v->frame_size);
   EXPECT_EQ(std::pair(chip_sum(other, 24), chip_sum(other, 25) > 0), std::pair(int64_t{0}, true));
   const auto frame = d.sim.frame();
